@@ -1,0 +1,33 @@
+// The one place that formats the library's log prefix "%s: %s(%d) > " and
+// hands lines to the platform log under the tag "CI_CORE".
+//
+// Call sites pass the source name, function name and line number that the
+// line must carry as literals: those three are part of the line's text.
+#ifndef CIMCORE_INTERNAL_CIMLOG_H
+#define CIMCORE_INTERNAL_CIMLOG_H
+
+namespace CIM {
+namespace Log {
+
+constexpr int kInfo = 4;
+constexpr int kError = 6;
+
+// Logs "<file>: <function>(<line>) > " followed by the formatted message.
+void Write(int priority, const char* file, const char* function, int line, const char* format,
+           ...) __attribute__((format(printf, 5, 6)));
+
+void Info(const char* file, const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+void Error(const char* file, const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// An assertion site: the report through _TCCIMAssert, then the
+// "ASSERT!, Func:%s\n" line on standard output. The caller decides how to go
+// on if the report returns.
+void AssertFailed(const char* expression, const char* path, unsigned long line,
+                  const char* function);
+
+}  // namespace Log
+}  // namespace CIM
+
+#endif

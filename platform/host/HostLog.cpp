@@ -1,0 +1,147 @@
+// Host platform log: one line per call, written with a single write(2) so
+// that lines of concurrent threads never interleave.
+//
+//   MM-DD HH:MM:SS.mmm P/TAG(PID:TID): message
+//
+// CIM_LOG_OUTPUT picks the destination at each call: unset or "stderr",
+// "file:PATH" (appended), "syslog" or "none".
+#include "dlog.h"
+
+#include "HostTags.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+char PriorityLetter(int prio) {
+    switch (prio) {
+        case DLOG_VERBOSE: return 'V';
+        case DLOG_DEBUG: return 'D';
+        case DLOG_INFO: return 'I';
+        case DLOG_WARN: return 'W';
+        case DLOG_ERROR: return 'E';
+        case DLOG_FATAL: return 'F';
+        default: return '?';
+    }
+}
+
+int SyslogLevel(int prio) {
+    switch (prio) {
+        case DLOG_VERBOSE:
+        case DLOG_DEBUG: return LOG_DEBUG;
+        case DLOG_INFO: return LOG_INFO;
+        case DLOG_WARN: return LOG_WARNING;
+        case DLOG_ERROR: return LOG_ERR;
+        case DLOG_FATAL: return LOG_CRIT;
+        default: return LOG_NOTICE;
+    }
+}
+
+// Writes the whole buffer; a short write is continued, EINTR retried.
+bool WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        data += written;
+        size -= size_t(written);
+    }
+    return true;
+}
+
+std::string FormatMessage(const char* fmt, va_list args) {
+    char small[512];
+    va_list copy;
+    va_copy(copy, args);
+    const int needed = std::vsnprintf(small, sizeof small, fmt, copy);
+    va_end(copy);
+    if (needed < 0) {
+        return std::string();
+    }
+    if (size_t(needed) < sizeof small) {
+        return std::string(small, size_t(needed));
+    }
+    std::string text(size_t(needed) + 1, '\0');
+    std::vsnprintf(&text[0], text.size(), fmt, args);
+    text.resize(size_t(needed));
+    return text;
+}
+
+std::string LinePrefix(int prio, const char* tag) {
+    struct timeval now;
+    ::gettimeofday(&now, nullptr);
+    struct tm local;
+    ::localtime_r(&now.tv_sec, &local);
+    char prefix[128];
+    std::snprintf(prefix, sizeof prefix, "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ",
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  long(now.tv_usec / 1000), PriorityLetter(prio), tag, long(::getpid()),
+                  long(::syscall(SYS_gettid)));
+    return prefix;
+}
+
+}  // namespace
+
+extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
+    (void)log_id;
+    if (tag == nullptr || fmt == nullptr) {
+        return -1;
+    }
+    if (cimhost::IsTagStopped(tag)) {
+        return 0;
+    }
+    const char* output = std::getenv("CIM_LOG_OUTPUT");
+    if (output != nullptr && std::strcmp(output, "none") == 0) {
+        return 0;
+    }
+
+    va_list args;
+    va_start(args, fmt);
+    std::string message = FormatMessage(fmt, args);
+    va_end(args);
+    if (!message.empty() && message.back() == '\n') {
+        message.pop_back();
+    }
+
+    if (output != nullptr && std::strcmp(output, "syslog") == 0) {
+        ::syslog(SyslogLevel(prio), "%s %s", tag, message.c_str());
+        return int(message.size());
+    }
+
+    std::string line = LinePrefix(prio, tag);
+    line += message;
+    line += '\n';
+
+    int fd = STDERR_FILENO;
+    bool ownFd = false;
+    if (output != nullptr && std::strncmp(output, "file:", 5) == 0) {
+        do {
+            fd = ::open(output + 5, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        } while (fd < 0 && errno == EINTR);
+        if (fd < 0) {
+            return -1;
+        }
+        ownFd = true;
+    }
+    const bool written = WriteAll(fd, line.data(), line.size());
+    if (ownFd) {
+        ::close(fd);
+    }
+    return written ? int(line.size()) : -1;
+}

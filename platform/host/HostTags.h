@@ -1,0 +1,19 @@
+// Tag state shared by the host log and the host debug-menu library.
+#ifndef CIMCORE_PLATFORM_HOST_TAGS_H
+#define CIMCORE_PLATFORM_HOST_TAGS_H
+
+#include <string>
+
+namespace cimhost {
+
+// True while the tag has been stopped and not started again.
+bool IsTagStopped(const char* tag);
+void SetTagStopped(const std::string& tag, bool stopped);
+
+// True when `name` is one of the comma-separated entries of the environment
+// variable `variable` (read at each call, so tests may change it).
+bool EnvListContains(const char* variable, const char* name);
+
+}  // namespace cimhost
+
+#endif

@@ -1,0 +1,121 @@
+#include "TestSupport.h"
+
+#include <cimcore/testing.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <ftw.h>
+#include <unistd.h>
+
+namespace cimtest {
+
+double TimeScale() {
+    const char* text = std::getenv("CIM_TEST_TIME_SCALE");
+    const double scale = text ? std::atof(text) : 1.0;
+    return scale >= 1.0 ? scale : 1.0;
+}
+
+std::chrono::milliseconds Scaled(std::chrono::milliseconds bound) {
+    return std::chrono::milliseconds(static_cast<long long>(bound.count() * TimeScale()));
+}
+
+TempDir::TempDir() {
+    char pattern[] = "/tmp/cimcore-test-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    m_path = pattern;
+}
+
+TempDir::~TempDir() {
+    ::nftw(
+        m_path.c_str(),
+        [](const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }, 16,
+        FTW_DEPTH | FTW_PHYS);
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+LogCapture::LogCapture() : m_path(m_dir.File("log.txt")) {
+    const char* previous = std::getenv("CIM_LOG_OUTPUT");
+    m_hadPrevious = previous != nullptr;
+    m_previous = previous ? previous : "";
+    ::setenv("CIM_LOG_OUTPUT", ("file:" + m_path).c_str(), 1);
+}
+
+LogCapture::~LogCapture() {
+    if (m_hadPrevious) {
+        ::setenv("CIM_LOG_OUTPUT", m_previous.c_str(), 1);
+    } else {
+        ::unsetenv("CIM_LOG_OUTPUT");
+    }
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(ReadFile(m_path));
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::vector<std::string> LogCapture::Messages() const {
+    std::vector<std::string> messages;
+    for (const std::string& line : Lines()) {
+        const size_t start = line.find("): ");
+        messages.push_back(start == std::string::npos ? line : line.substr(start + 3));
+    }
+    return messages;
+}
+
+size_t LogCapture::Count(const std::string& text) const {
+    size_t count = 0;
+    for (const std::string& line : Lines()) {
+        if (line.find(text) != std::string::npos) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+void LogCapture::Clear() {
+    WriteFile(m_path, "");
+}
+
+AssertRecorder::AssertRecorder() {
+    CIM::testing::SetAssertHook([this](const char* expression, const char*, unsigned long) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_expressions.emplace_back(expression ? expression : "");
+    });
+}
+
+AssertRecorder::~AssertRecorder() {
+    CIM::testing::SetAssertHook(nullptr);
+}
+
+std::vector<std::string> AssertRecorder::Expressions() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_expressions;
+}
+
+size_t AssertRecorder::Count() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_expressions.size();
+}
+
+}  // namespace cimtest

@@ -1,0 +1,77 @@
+// Helpers shared by the tests: time scaling, log capture, temporary folders
+// and an assertion recorder.
+#ifndef CIMCORE_TESTS_TESTSUPPORT_H
+#define CIMCORE_TESTS_TESTSUPPORT_H
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace cimtest {
+
+// CIM_TEST_TIME_SCALE (default 1) stretches the generous upper bounds of
+// timing checks on slow machines; lower bounds are never stretched.
+double TimeScale();
+std::chrono::milliseconds Scaled(std::chrono::milliseconds bound);
+
+// A folder under /tmp that is removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& Path() const { return m_path; }
+    std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+
+// Sends the platform log to a fresh file for its lifetime (CIM_LOG_OUTPUT)
+// and reads it back. Create it before starting threads that log.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    std::vector<std::string> Lines() const;
+    // The message part of each line (after "): "), in order.
+    std::vector<std::string> Messages() const;
+    size_t Count(const std::string& text) const;
+    bool Contains(const std::string& text) const { return Count(text) > 0; }
+    void Clear();
+
+private:
+    TempDir m_dir;
+    std::string m_path;
+    std::string m_previous;
+    bool m_hadPrevious;
+};
+
+// Installs an assertion hook for its lifetime and records the reports.
+class AssertRecorder {
+public:
+    AssertRecorder();
+    ~AssertRecorder();
+    AssertRecorder(const AssertRecorder&) = delete;
+    AssertRecorder& operator=(const AssertRecorder&) = delete;
+
+    std::vector<std::string> Expressions() const;
+    size_t Count() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_expressions;  // guarded by m_mutex
+};
+
+}  // namespace cimtest
+
+#endif
