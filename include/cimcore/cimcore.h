@@ -5,5 +5,9 @@
 #include <cimcore/CICoreTraceLock.h>
 #include <cimcore/CIMDebug.h>
 #include <cimcore/CIMTime.h>
+#include <cimcore/CIMThreadDebug.h>
+#include <cimcore/CIMThreadPool.h>
+#include <cimcore/CIMSemaphore.h>
+#include <cimcore/CIMAlarm.h>
 
 #endif
