@@ -1,0 +1,128 @@
+// The assertion report: log lines, call stack, console text and the crash;
+// with the test hook, the same log lines and a normal return.
+#include <cimcore/CIMDebug.h>
+
+#include <cimcore/internal/CIMLog.h>
+#include <cimcore/testing.h>
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+
+#include <sys/prctl.h>
+
+namespace {
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Checks the log of one report of "x == 1" at src/a.cpp:42 and returns the
+// number of stack lines logged.
+size_t CheckReportLog(const cimtest::LogCapture& log) {
+    const std::vector<std::string> messages = log.Messages();
+    EXPECT_GE(messages.size(), 3u);
+    if (messages.size() < 3) {
+        return 0;
+    }
+    EXPECT_EQ(messages[0], "CIMDebug.cpp: _TCCIMAssert(44) > src/a.cpp::42: x == 1");
+    EXPECT_EQ(messages[1], "CIMDebug.cpp: _TCCIMAssert(47) > src/a.cpp::42: x == 1");
+    for (const std::string& line : log.Lines()) {
+        EXPECT_NE(line.find(" E/CI_CORE("), std::string::npos) << line;
+    }
+    size_t stackLines = 0;
+    for (size_t i = 2; i < messages.size(); ++i) {
+        EXPECT_EQ(messages[i].rfind("CIMDebug.cpp: _TCCIMAssert(47) > ", 0), 0u) << messages[i];
+        ++stackLines;
+    }
+    return stackLines;
+}
+
+// The child must share the parent's log and console files, which the
+// re-executing style would create anew: fork at the statement instead.
+class CIMDebugDeathTest : public ::testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
+    void TearDown() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(CIMDebugDeathTest, ReportLogsWritesTheConsoleAndDiesBySegfault) {
+    cimtest::LogCapture log;
+    cimtest::TempDir dir;
+    const std::string console = dir.File("console");
+    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    EXPECT_EXIT(
+        {
+            ::prctl(PR_SET_NAME, "asserter", 0, 0, 0);
+            CIM::_TCCIMAssert("x == 1", "src/a.cpp", 42, "extra %d text", 7);
+        },
+        ::testing::KilledBySignal(SIGSEGV), "extra 7 text");
+    ::unsetenv("CIM_CONSOLE_PATH");
+
+    EXPECT_GE(CheckReportLog(log), 2u);  // at least the report's frame and its caller
+
+    const std::vector<std::string> lines = SplitLines(cimtest::ReadFile(console));
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_EQ(lines[0],
+              "This sentence is redirected to a serial output."
+              "Assertion failed: src/a.cpp (42) - x == 1");
+    EXPECT_EQ(lines[1], "Debug information:");
+    EXPECT_TRUE(std::regex_match(lines[2], std::regex("Posix Thread ID: [0-9a-f]+"))) << lines[2];
+    EXPECT_TRUE(std::regex_match(lines[3], std::regex(R"(Linux Thread ID: \d+ \(asserter\))")))
+        << lines[3];
+    EXPECT_EQ(lines[4], "Callstack:");
+    // The console stack leaves out the report's own frame.
+    EXPECT_LT(lines.size() - 5, CheckReportLog(log));
+}
+
+TEST_F(CIMDebugDeathTest, UnwritableConsoleStillLogsAndDies) {
+    cimtest::LogCapture log;
+    cimtest::TempDir dir;
+    const std::string console = dir.File("missing/console");
+    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    EXPECT_EXIT(CIM::_TCCIMAssert("x == 1", "src/a.cpp", 42), ::testing::KilledBySignal(SIGSEGV),
+                "");
+    ::unsetenv("CIM_CONSOLE_PATH");
+    EXPECT_GE(CheckReportLog(log), 2u);
+    EXPECT_EQ(cimtest::ReadFile(console), "");
+}
+
+TEST(CIMDebug, WithTheHookTheReportLogsCallsTheHookAndReturns) {
+    cimtest::LogCapture log;
+    cimtest::TempDir dir;
+    const std::string console = dir.File("console");
+    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    std::vector<std::string> seen;
+    {
+        CIM::testing::ScopedAssertHook hook(
+            [&](const char* expression, const char* file, unsigned long line) {
+                seen.push_back(std::string(expression) + "@" + file + ":" + std::to_string(line));
+            });
+        ::testing::internal::CaptureStdout();
+        CIM::Log::AssertFailed("x == 1", "src/a.cpp", 42, "Caller");
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), "ASSERT!, Func:Caller\n");
+    }
+    ::unsetenv("CIM_CONSOLE_PATH");
+    EXPECT_EQ(seen, (std::vector<std::string>{"x == 1@src/a.cpp:42"}));
+    EXPECT_GE(CheckReportLog(log), 2u);
+    EXPECT_EQ(cimtest::ReadFile(console), "");  // no console text with the hook
+
+    // The scoped hook is gone again: a recorder sees the next report alone.
+    log.Clear();
+    cimtest::AssertRecorder recorder;
+    CIM::_TCCIMAssert("y", "b.cpp", 1);
+    EXPECT_EQ(recorder.Expressions(), (std::vector<std::string>{"y"}));
+    EXPECT_EQ(seen.size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,169 @@
+// Time values, their text forms, the tick clock, Sleep and the scope timer.
+#include <cimcore/CIMTime.h>
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <regex>
+#include <stdexcept>
+
+#include <unistd.h>
+
+namespace {
+
+class CIMTime : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // mktime normalises in the local zone; UTC keeps hours where they are.
+        ::setenv("TZ", "UTC", 1);
+        ::tzset();
+    }
+};
+
+tm MakeTm(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
+    tm t = {};
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    t.tm_mday = day;
+    t.tm_hour = hour;
+    t.tm_min = minute;
+    t.tm_sec = second;
+    return t;
+}
+
+std::string ExceptionText(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no exception";
+}
+
+TEST_F(CIMTime, ConstructionFromSecondsComponentsAndTm) {
+    const CIM::TSCIMTime epoch;
+    EXPECT_EQ(epoch.SecondsSinceEpoch(), 0);
+    EXPECT_EQ(CIM::ToString(epoch), "[1970-1-1] [0:0:0]");
+
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(-1L)), "[1969-12-31] [23:59:59]");
+    EXPECT_EQ(CIM::TSCIMTime(-1L).SecondsSinceEpoch(), -1);
+
+    const CIM::TSCIMTime sample(CIM::TSDateTimeComponents{2024, 3, 5, 7, 4, 9});
+    EXPECT_EQ(CIM::ToString(sample), "[2024-3-5] [7:4:9]");
+    EXPECT_EQ(sample.SecondsSinceEpoch(), 1709622249);
+    EXPECT_EQ(CIM::TSCIMTime(1709622249L) == sample, true);
+
+    const CIM::TSDateTimeComponents back = sample.DateTimeComponents();
+    EXPECT_EQ(CIM::ToString(back), "[2024-3-5] [7:4:9]");
+    const tm t = sample.TimeStructure();
+    EXPECT_EQ(t.tm_wday, 2);  // a Tuesday
+    EXPECT_EQ(t.tm_yday, 64);
+    EXPECT_EQ(t.tm_isdst, -1);
+
+    // The tm path adds out-of-range times as they are; negative fields make
+    // the whole time of day negative.
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(MakeTm(2024, 1, 31, 25, 0, 0))), "[2024-2-1] [1:0:0]");
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(MakeTm(2024, 1, 31, 1, -30, 0))),
+              "[2024-1-30] [22:30:0]");
+}
+
+TEST_F(CIMTime, ComponentsAreNormalisedThroughMktime) {
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(CIM::TSDateTimeComponents{2023, 2, 29, 0, 0, 0})),
+              "[2023-3-1] [0:0:0]");
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(CIM::TSDateTimeComponents{2023, 4, 31, 10, 0, 0})),
+              "[2023-5-1] [10:0:0]");
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(CIM::TSDateTimeComponents{2023, 13, 1, 0, 0, 0})),
+              "[2024-1-1] [0:0:0]");
+    EXPECT_EQ(CIM::ToString(CIM::TSCIMTime(CIM::TSDateTimeComponents{2023, 6, 1, 23, 59, 61})),
+              "[2023-6-2] [0:0:1]");
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(CIM::TSDateTimeComponents{1399, 6, 1, 0, 0, 0}); }),
+              "Year is out of valid range: 1400..9999");
+}
+
+TEST_F(CIMTime, BadTmFieldsThrowTheDateLibraryErrorsInCheckOrder) {
+    // Day first, then month, then year, then the day's validity.
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(1300, 14, 0)); }),
+              "Day of month value is out of range 1..31");
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(1300, 14, 1)); }),
+              "Month number is out of range 1..12");
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(1300, 2, 30)); }),
+              "Year is out of valid range: 1400..9999");
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(2023, 2, 29)); }),
+              "Day of month is not valid for year");
+    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(2024, 2, 29)); }), "no exception");
+
+    CIM::TSCIMTime special;
+    special.m_time = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
+    const std::string text = ExceptionText([&] { special.DateTimeComponents(); });
+    EXPECT_EQ(text.rfind("tm unable to handle", 0), 0u) << text;
+}
+
+TEST_F(CIMTime, ComparisonsWorkOnWholeSeconds) {
+    using boost::posix_time::milliseconds;
+    CIM::TSCIMTime a(100L);
+    CIM::TSCIMTime b(100L);
+    a.m_time += milliseconds(100);
+    b.m_time += milliseconds(600);
+    EXPECT_TRUE(a == b);
+    EXPECT_FALSE(a < b);
+    EXPECT_FALSE(b > a);
+    EXPECT_TRUE(a <= b && a >= b);
+
+    const CIM::TSCIMTime c(101L);
+    EXPECT_TRUE(a < c && c > a && a <= c && c >= a);
+    EXPECT_FALSE(a == c || a > c || c < a);
+
+    // Seconds are truncated toward zero: half a second before 1970 is second 0.
+    CIM::TSCIMTime justBefore;
+    justBefore.m_time -= milliseconds(500);
+    EXPECT_EQ(justBefore.SecondsSinceEpoch(), 0);
+    EXPECT_TRUE(justBefore == CIM::TSCIMTime());
+}
+
+TEST_F(CIMTime, TickCountsWholeClockStepsAndWrapSafeDifferences) {
+    const unsigned long step = 1000 / ::sysconf(_SC_CLK_TCK);
+    const unsigned long first = CIM::TCCIMTime::Tick();
+    EXPECT_LE(first, 0xFFFFFFFFul);
+
+    const auto start = std::chrono::steady_clock::now();
+    CIM::TCCIMTime::Sleep(60);
+    const auto slept = std::chrono::steady_clock::now() - start;
+    const unsigned long second = CIM::TCCIMTime::Tick();
+    EXPECT_GE(slept, std::chrono::milliseconds(60));  // never returns early
+    const unsigned long diff = CIM::TickDiff(second, first);
+    EXPECT_EQ(diff % step, 0u);
+    EXPECT_GE(diff, 60 - step);
+    EXPECT_LE(diff, static_cast<unsigned long>(cimtest::Scaled(std::chrono::milliseconds(1000)).count()));
+
+    EXPECT_EQ(CIM::TickDiff(5, 0xFFFFFFFBul), 10u);
+    EXPECT_EQ(CIM::TickDiff(20, 10), 10u);
+}
+
+TEST_F(CIMTime, ScopeTimerLogsOnlyPastItsThreshold) {
+    cimtest::LogCapture log;
+    {
+        CIM::TCAutoTimeoutDebug timer("quick", 1000);
+    }
+    EXPECT_TRUE(log.Lines().empty());
+
+    {
+        CIM::TCAutoTimeoutDebug timer("slow block", 0);
+        CIM::TCCIMTime::Sleep(40);
+    }
+    const std::vector<std::string> messages = log.Messages();
+    ASSERT_EQ(messages.size(), 1u);
+    std::smatch match;
+    const std::regex line(
+        R"(^CIMTime\.cpp: ~TCAutoTimeoutDebug\(234\) > slow block endTime\((\d+)\) - startTime\((\d+)\) diff\((\d+)\) > m_threshold\(0\)$)");
+    ASSERT_TRUE(std::regex_match(messages[0], match, line)) << messages[0];
+    const unsigned long end = std::stoul(match[1].str());
+    const unsigned long start = std::stoul(match[2].str());
+    EXPECT_EQ(std::stoul(match[3].str()), CIM::TickDiff(end, start));
+    EXPECT_GE(std::stoul(match[3].str()), 30u);
+    EXPECT_NE(log.Lines()[0].find(" E/CI_CORE("), std::string::npos);
+}
+
+}  // namespace
