@@ -9,5 +9,9 @@
 #include <cimcore/CIMThreadPool.h>
 #include <cimcore/CIMSemaphore.h>
 #include <cimcore/CIMAlarm.h>
+#include <cimcore/internal/lsc/Thread.h>
+#include <cimcore/internal/lsc/Queue.h>
+#include <cimcore/internal/lsc/Task.h>
+#include <cimcore/internal/lsc/Sync.h>
 
 #endif
