@@ -5,6 +5,8 @@
 #include <cimcore/CICoreTraceLock.h>
 #include <cimcore/CIMDebug.h>
 #include <cimcore/CIMTime.h>
+#include <cimcore/CIMDebugLog.h>
+#include <cimcore/ApplicationLauncher.h>
 #include <cimcore/CIMThreadDebug.h>
 #include <cimcore/CIMThreadPool.h>
 #include <cimcore/CIMSemaphore.h>

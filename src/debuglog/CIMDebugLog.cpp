@@ -1,0 +1,231 @@
+#include <cimcore/CIMDebugLog.h>
+
+#include <cimcore/internal/CIMLog.h>
+
+#include "debug_menu.h"
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace CIM {
+namespace {
+
+constexpr const char* kSource = "CIMDebugLog.cpp";
+constexpr const char* kAssertPath = "src/debuglog/CIMDebugLog.cpp";
+// The doubled slash is part of the device's path as it has always been.
+constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
+
+}  // namespace
+
+std::string LogLevelToString(ECIMLogLevel level) {
+    switch (level) {
+        case ECIMLogLevel::LOG_LVL_OFF: return "OFF";
+        case ECIMLogLevel::LOG_LVL_ON: return "ON";
+        default: return "NULL";
+    }
+}
+
+std::list<std::string> GetSupportedCILogTags() {
+    return {"CI_API",    "CI_CORE",      "CI_MODULE", "CI_DAEMON",  "CI_APPLICATION",
+            "CI_PVRCIP", "CI_TRUST_APP", "CI_CAM",    "CI_CAM_IMPL"};
+}
+
+TCCIMDebugLog::TCCIMDebugLog() noexcept
+    : TCCIMDebugLog(kDefaultFilePath, GetSupportedCILogTags()) {}
+
+TCCIMDebugLog::TCCIMDebugLog(const std::string& filePath,
+                             const std::list<std::string>& tags) noexcept
+    : m_filePath(filePath) {
+    m_Load();
+    for (const std::string& tag : tags) {
+        // emplace keeps a level the file already set
+        m_debugLevels.emplace(tag, ECIMLogLevel::LOG_LVL_OFF);
+    }
+}
+
+TCCIMDebugLog::~TCCIMDebugLog() noexcept = default;
+
+std::map<std::string, ECIMLogLevel> TCCIMDebugLog::GetLevels() const noexcept {
+    return m_debugLevels;
+}
+
+ECIMLogLevel TCCIMDebugLog::GetLevel(const std::string& tag) const noexcept {
+    const auto found = m_debugLevels.find(tag);
+    return found == m_debugLevels.end() ? ECIMLogLevel::LOG_LVL_INVALID : found->second;
+}
+
+bool TCCIMDebugLog::ChangeLevel(const std::string& tag, ECIMLogLevel level) noexcept {
+    if (!m_ChangeLevel(tag, level)) {
+        return false;
+    }
+    m_Save();
+    return true;
+}
+
+bool TCCIMDebugLog::ChangeLevel(ECIMLogLevel level) noexcept {
+    Log::Info(kSource, __func__, __LINE__, "level[%s]", LogLevelToString(level).c_str());
+    if (level == ECIMLogLevel::LOG_LVL_INVALID) {
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+                          __func__);
+        return false;
+    }
+    for (const auto& entry : m_debugLevels) {
+        // Tags already at the level or refused by the platform keep theirs;
+        // the file is written for the others all the same.
+        const std::string tag = entry.first;
+        m_ChangeLevel(tag, level);
+    }
+    m_Save();
+    return true;
+}
+
+bool TCCIMDebugLog::ToggleTag(const std::string& tag) noexcept {
+    switch (GetLevel(tag)) {
+        case ECIMLogLevel::LOG_LVL_OFF: return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_ON);
+        case ECIMLogLevel::LOG_LVL_ON: return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_OFF);
+        default:
+            Log::Info(kSource, __func__, __LINE__, "Tag not exists or INVALID level.");
+            return false;
+    }
+}
+
+ECIMLogLevel TCCIMDebugLog::ToggleLog() noexcept {
+    // The first tag alone decides, so a mixed configuration ends all equal.
+    // An empty map counts as "not on".
+    const bool firstOn = !m_debugLevels.empty() &&
+                         m_debugLevels.begin()->second == ECIMLogLevel::LOG_LVL_ON;
+    const ECIMLogLevel level = firstOn ? ECIMLogLevel::LOG_LVL_OFF : ECIMLogLevel::LOG_LVL_ON;
+    Log::Info(kSource, __func__, __LINE__, "Toggle changed to [%s] ",
+              LogLevelToString(level).c_str());
+    ChangeLevel(level);
+    return level;
+}
+
+bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
+    Log::Info(kSource, __func__, __LINE__, "tag[%s], level[%s]", tag.c_str(),
+              LogLevelToString(level).c_str());
+    const auto found = m_debugLevels.find(tag);
+    if (found == m_debugLevels.end()) {
+        Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kAssertPath,
+                          __LINE__, __func__);
+        return false;
+    }
+    if (level == ECIMLogLevel::LOG_LVL_INVALID) {
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+                          __func__);
+        return false;
+    }
+    if (found->second == level) {
+        Log::Info(kSource, __func__, __LINE__, "The same level.");
+        return false;
+    }
+    // Any value but off counts as on, so a stray value starts the tag and is
+    // then stored as given.
+    const int result =
+        level != ECIMLogLevel::LOG_LVL_OFF ? m_StartDlogTag(tag) : m_StopDlogTag(tag);
+    if (result < 0) {
+        Log::Error(kSource, __func__, __LINE__, "Change level failed!");
+        return false;
+    }
+    found->second = level;
+    return true;
+}
+
+int TCCIMDebugLog::m_StartDlogTag(const std::string& tag) {
+    const int result = startdlogtagbydefault(tag.c_str());
+    Log::Info(kSource, __func__, __LINE__, "start dlog tag [%s]. result[%d].", tag.c_str(),
+              result);
+    return result;
+}
+
+int TCCIMDebugLog::m_StopDlogTag(const std::string& tag) {
+    const int result = stopdlogtagbydefault(tag.c_str());
+    Log::Info(kSource, __func__, __LINE__, "stop dlog tag [%s] result[%d].", tag.c_str(),
+              result);
+    return result;
+}
+
+void TCCIMDebugLog::m_Load() {
+    std::ifstream in(m_filePath, std::ios::binary);
+    if (!in.is_open()) {
+        return;
+    }
+    const std::string content((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+    m_LoadFromString(content);
+}
+
+bool TCCIMDebugLog::m_LoadFromString(const std::string& s) {
+    const std::list<std::string> tokens = m_Split(s, ' ');
+    Log::Info(kSource, __func__, __LINE__, "s(%s) tags size(%zu)", s.c_str(), tokens.size());
+    m_ResetConfiguration();
+    for (const std::string& token : tokens) {
+        const auto found = m_debugLevels.find(token);
+        if (found != m_debugLevels.end()) {
+            found->second = ECIMLogLevel::LOG_LVL_ON;
+        }
+    }
+    return true;
+}
+
+std::list<std::string> TCCIMDebugLog::m_Split(const std::string& s, char delimiter) const {
+    std::list<std::string> pieces;
+    std::istringstream stream(s);
+    for (std::string piece; std::getline(stream, piece, delimiter);) {
+        pieces.push_back(piece);
+    }
+    return pieces;
+}
+
+void TCCIMDebugLog::m_ResetConfiguration() {
+    m_debugLevels.clear();
+    for (const std::string& tag : GetSupportedCILogTags()) {
+        m_debugLevels.emplace(tag, ECIMLogLevel::LOG_LVL_OFF);
+    }
+}
+
+std::string TCCIMDebugLog::m_ToString() const {
+    std::string text;
+    bool first = true;
+    for (const auto& entry : m_debugLevels) {
+        if (entry.second != ECIMLogLevel::LOG_LVL_ON) {
+            continue;
+        }
+        if (!first) {
+            text += ' ';
+        }
+        text += entry.first;
+        first = false;
+    }
+    return text;
+}
+
+void TCCIMDebugLog::m_Save() {
+    std::ofstream out(m_filePath, std::ios::binary | std::ios::trunc);
+    if (!out.is_open()) {
+        return;  // deliberately silent: the caller is not told either
+    }
+    out << m_ToString();
+    bool failed = true;
+    if (!out) {
+        Log::Info(kSource, __func__, __LINE__, "Write failed!");
+    } else if (!out.flush()) {
+        Log::Info(kSource, __func__, __LINE__, "Flush failed!");
+    } else {
+        out.close();
+        if (!out) {
+            Log::Info(kSource, __func__, __LINE__, "Close failed!");
+        } else {
+            failed = false;
+        }
+    }
+    if (failed) {
+        Log::Error(kSource, __func__, __LINE__, "Error while writing to the file %s",
+                   m_filePath.c_str());
+    }
+    // Logged after a failure too: the error line just before it tells.
+    Log::Info(kSource, __func__, __LINE__, "Current configuration saved.");
+}
+
+}  // namespace CIM
