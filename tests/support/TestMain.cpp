@@ -1,5 +1,18 @@
 #include <gtest/gtest.h>
 
+// Sanitizer settings of every test program. The assertion report ends the
+// process by SIGSEGV on purpose: death tests expect that signal, so the
+// sanitizers must leave it alone.
+extern "C" const char* __asan_default_options() {
+    return "handle_segv=0:detect_leaks=1";
+}
+extern "C" const char* __ubsan_default_options() {
+    return "print_stacktrace=1:halt_on_error=1";
+}
+extern "C" const char* __tsan_default_options() {
+    return "handle_segv=0:halt_on_error=1:second_deadlock_stack=1:suppressions=" CIMCORE_TSAN_SUPPRESSIONS;
+}
+
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     // Death tests re-execute the binary: safe with the threads the library
