@@ -1,0 +1,46 @@
+// Runs the built cim-demo with its log sent to a file.
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <string>
+
+#include <sys/wait.h>
+
+namespace {
+
+TEST(CimDemo, RunsEverySectionAndLogsOnlyWellFormedLines) {
+    cimtest::TempDir dir;
+    const std::string logPath = dir.File("demo.log");
+    const std::string outPath = dir.File("demo.out");
+    const std::string command = "CIM_LOG_OUTPUT=file:" + logPath + " " CIM_DEMO_PATH
+                                " --log-config " + dir.File("config.txt") + " > " + outPath +
+                                " 2>&1";
+    const int status = std::system(command.c_str());
+    const std::string output = cimtest::ReadFile(outPath);
+    ASSERT_TRUE(WIFEXITED(status)) << output;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << output;
+    EXPECT_NE(output.find("== Summary =="), std::string::npos) << output;
+    EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
+    EXPECT_NE(output.find(logPath), std::string::npos) << output;
+
+    const std::regex line(
+        R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
+    const std::string log = cimtest::ReadFile(logPath);
+    size_t lines = 0;
+    size_t start = 0;
+    while (start < log.size()) {
+        const size_t end = log.find('\n', start);
+        ASSERT_NE(end, std::string::npos) << "unterminated last line";
+        const std::string text = log.substr(start, end - start);
+        EXPECT_TRUE(std::regex_match(text, line)) << text;
+        ++lines;
+        start = end + 1;
+    }
+    EXPECT_GT(lines, 0u);
+    EXPECT_NE(log.find("AUTOLOCK ERROR"), std::string::npos);
+}
+
+}  // namespace
