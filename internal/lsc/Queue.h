@@ -119,9 +119,10 @@ public:
     bool FlagCreate() const { return TCMutex::FlagCreate(); }
 
 private:
-    // Drops the matching events; requires the mutex held.
-    unsigned int m_Remove(const TCHandler* receiver, bool byType, unsigned long type,
-                          unsigned int most);
+    bool m_Take(TSEvent* event, const TCHandler* receiver, bool byType, unsigned long type);
+    bool m_Count(const TCHandler* receiver, bool byType, unsigned long type, unsigned int* count);
+    bool m_Delete(const TCHandler* receiver, bool byType, unsigned long type, unsigned int most,
+                  unsigned int* count);
     // Takes the item units of removed events, only those still there: a
     // reader may already have consumed one. Requires the mutex held.
     void m_DropUnits(unsigned int units);
