@@ -11,6 +11,8 @@
 #include <cimcore/CIMThreadPool.h>
 #include <cimcore/CIMSemaphore.h>
 #include <cimcore/CIMAlarm.h>
+#include <cimcore/CIMIpConnectionTcp.h>
+#include <cimcore/CIMIpConnectionUdp.h>
 #include <cimcore/internal/lsc/Thread.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Task.h>
