@@ -66,7 +66,9 @@ bool NiceValueFor(int priority, int* nice) {
 // ---- TCSemaphore -------------------------------------------------------------
 
 TCSemaphore::~TCSemaphore() {
-    CIM_LSC_CHECK(FlagCreate() == false);
+    if (!CIM_LSC_CHECK(FlagCreate() == false)) {
+        Destroy();  // only reached when the report returns
+    }
 }
 
 bool TCSemaphore::Create(int count) {
