@@ -1,0 +1,163 @@
+// cim-logctl: the debug menu on a command line. Lists the stack's log tags
+// and switches them, one or all, through the library's log configuration.
+#include <cimcore/CIMDebugLog.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kChanged = 0;
+constexpr int kUnchanged = 1;
+constexpr int kUsage = 2;
+
+constexpr const char* kDefaultFile = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
+
+void Help() {
+    std::printf(
+        "usage: cim-logctl [--file PATH] [--verbose] COMMAND\n"
+        "\n"
+        "Shows and switches the CI stack's log tags. The tags that are on are kept in\n"
+        "the configuration file, by default\n"
+        "  %s\n"
+        "\n"
+        "commands:\n"
+        "  list          each tag and its level\n"
+        "  on TAG        switch TAG on\n"
+        "  off TAG       switch TAG off\n"
+        "  toggle TAG    switch TAG to the other level\n"
+        "  all on|off    switch every tag on or off\n"
+        "  toggle-all    switch every tag to the opposite of the first tag's level\n"
+        "\n"
+        "options:\n"
+        "  --file PATH   use another configuration file\n"
+        "  --verbose     show the library's log lines on standard error\n"
+        "  --help        this text\n"
+        "\n"
+        "exit status: 0 something changed (or list), 1 nothing changed or the file\n"
+        "could not be written, 2 usage error (bad argument, unknown tag).\n",
+        kDefaultFile);
+}
+
+int UsageError(const std::string& message) {
+    std::fprintf(stderr, "cim-logctl: %s (try --help)\n", message.c_str());
+    return kUsage;
+}
+
+void PrintLevels(const std::map<std::string, CIM::ECIMLogLevel>& levels) {
+    for (const auto& entry : levels) {
+        std::printf("%-15s %s\n", entry.first.c_str(), CIM::LogLevelToString(entry.second).c_str());
+    }
+}
+
+// The library does not report a failed save, so read the file back.
+bool FileHolds(const std::string& path, const std::string& expected) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in.is_open()) {
+        return false;
+    }
+    const std::string content((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+    return content == expected;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string file = kDefaultFile;
+    bool verbose = false;
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            Help();
+            return kChanged;
+        } else if (arg == "--file") {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+                return UsageError("--file needs a path");
+            }
+            file = argv[++i];
+        } else if (arg.compare(0, 7, "--file=") == 0 && arg.size() > 7) {
+            file = arg.substr(7);
+        } else if (arg == "--verbose" || arg == "-v") {
+            verbose = true;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return UsageError("unknown option '" + arg + "'");
+        } else {
+            words.push_back(arg);
+        }
+    }
+    if (words.empty()) {
+        return UsageError("no command given");
+    }
+    // The library logs every step; a user of the tool wants only its answer.
+    if (!verbose && std::getenv("CIM_LOG_OUTPUT") == nullptr) {
+        ::setenv("CIM_LOG_OUTPUT", "none", 1);
+    }
+
+    const std::string& command = words[0];
+    const size_t expectedWords = command == "list" || command == "toggle-all" ? 1 : 2;
+    if (command != "list" && command != "toggle-all" && command != "on" && command != "off" &&
+        command != "toggle" && command != "all") {
+        return UsageError("unknown command '" + command + "'");
+    }
+    if (words.size() != expectedWords) {
+        return UsageError("'" + command + "' takes " +
+                          (expectedWords == 1 ? "no argument" : "one argument"));
+    }
+
+    CIM::TCCIMDebugLog debugLog(file, CIM::GetSupportedCILogTags());
+    const std::map<std::string, CIM::ECIMLogLevel> before = debugLog.GetLevels();
+    if (command == "list") {
+        PrintLevels(before);
+        return kChanged;
+    }
+
+    if (command == "all") {
+        if (words[1] != "on" && words[1] != "off") {
+            return UsageError("'all' takes on or off, not '" + words[1] + "'");
+        }
+        debugLog.ChangeLevel(words[1] == "on" ? CIM::ECIMLogLevel::LOG_LVL_ON
+                                              : CIM::ECIMLogLevel::LOG_LVL_OFF);
+    } else if (command == "toggle-all") {
+        debugLog.ToggleLog();
+    } else {
+        // An unknown tag would be a broken contract inside the library.
+        if (before.count(words[1]) == 0) {
+            return UsageError("unknown tag '" + words[1] + "'");
+        }
+        if (command == "toggle") {
+            debugLog.ToggleTag(words[1]);
+        } else {
+            debugLog.ChangeLevel(words[1], command == "on" ? CIM::ECIMLogLevel::LOG_LVL_ON
+                                                           : CIM::ECIMLogLevel::LOG_LVL_OFF);
+        }
+    }
+
+    const std::map<std::string, CIM::ECIMLogLevel> after = debugLog.GetLevels();
+    bool changed = false;
+    for (const auto& entry : after) {
+        const CIM::ECIMLogLevel old = before.at(entry.first);
+        if (old != entry.second) {
+            std::printf("%-15s %s -> %s\n", entry.first.c_str(),
+                        CIM::LogLevelToString(old).c_str(),
+                        CIM::LogLevelToString(entry.second).c_str());
+            changed = true;
+        }
+    }
+    if (!changed) {
+        std::printf("nothing changed\n");
+        return kUnchanged;
+    }
+    if (!FileHolds(file, debugLog.m_ToString())) {
+        std::fprintf(stderr, "cim-logctl: could not write %s\n", file.c_str());
+        return kUnchanged;
+    }
+    return kChanged;
+}
