@@ -10,15 +10,6 @@ namespace {
 
 using CIM::TCCIMSemaphore;
 
-// Takes every unit that is available without waiting.
-int Drain(TCCIMSemaphore& semaphore) {
-    int taken = 0;
-    while (semaphore.Try()) {
-        ++taken;
-    }
-    return taken;
-}
-
 TEST(CIMSemaphoreTest, CountsFromAnyStartingValue) {
     TCCIMSemaphore empty(0);
     EXPECT_FALSE(empty.Try());
@@ -40,11 +31,6 @@ TEST(CIMSemaphoreTest, CountsFromAnyStartingValue) {
     three.Take();
     EXPECT_FALSE(three.Try());
 
-    TCCIMSemaphore many(0);
-    for (int i = 0; i < 1000; ++i) {
-        many.Give();
-    }
-    EXPECT_EQ(1000, Drain(many));
 }
 
 TEST(CIMSemaphoreTest, EachGiveReleasesOneWaiter) {
@@ -95,25 +81,6 @@ TEST(CIMSemaphoreTest, NoUnitIsLostOrDuplicatedUnderContention) {
         thread.join();
     }
     EXPECT_FALSE(semaphore.Try());
-
-    // Givers racing with Try: whatever Try took plus what is left must be
-    // exactly what was given.
-    std::atomic<int> taken{0};
-    std::thread giver([&] {
-        for (int n = 0; n < kPerThread; ++n) {
-            semaphore.Give();
-        }
-    });
-    std::thread trier([&] {
-        for (int n = 0; n < kPerThread; ++n) {
-            if (semaphore.Try()) {
-                ++taken;
-            }
-        }
-    });
-    giver.join();
-    trier.join();
-    EXPECT_EQ(kPerThread, taken.load() + Drain(semaphore));
 }
 
 }  // namespace
