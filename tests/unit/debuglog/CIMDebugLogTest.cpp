@@ -69,26 +69,6 @@ protected:
     const std::string m_path = m_dir.File("ci_log_configuration_data.txt");
 };
 
-TEST_F(DebugLogTest, LevelTextsSupportedTagsAndUnknownTags) {
-    EXPECT_EQ(CIM::LogLevelToString(kOff), "OFF");
-    EXPECT_EQ(CIM::LogLevelToString(kOn), "ON");
-    EXPECT_EQ(CIM::LogLevelToString(kInvalid), "NULL");
-    EXPECT_EQ(CIM::LogLevelToString(ECIMLogLevel(2)), "NULL");
-    EXPECT_EQ(CIM::GetSupportedCILogTags(),
-              (std::list<std::string>{"CI_API", "CI_CORE", "CI_MODULE", "CI_DAEMON",
-                                      "CI_APPLICATION", "CI_PVRCIP", "CI_TRUST_APP", "CI_CAM",
-                                      "CI_CAM_IMPL"}));
-
-    const TCCIMDebugLog debugLog(m_path, CIM::GetSupportedCILogTags());
-    std::vector<std::string> walked;
-    for (const auto& entry : debugLog.GetLevels()) {
-        walked.push_back(entry.first);
-    }
-    EXPECT_EQ(walked, kMapOrder);
-    EXPECT_EQ(debugLog.GetLevel("CI_CORE"), kOff);
-    EXPECT_EQ(debugLog.GetLevel("NEVER_CONFIGURED"), kInvalid);
-}
-
 TEST_F(DebugLogTest, ConstructionFollowsTheFileAndNeverWritesIt) {
     const std::list<std::string> tags = {"CI_CORE", "X_EXTRA"};
     {
@@ -157,12 +137,6 @@ TEST_F(DebugLogTest, ReadsOnlyExactNamesSeparatedByBlanks) {
     EXPECT_TRUE(debugLog.m_LoadFromString("X_EXTRA CI_PVRCIP"));
     EXPECT_EQ(debugLog.GetLevel("X_EXTRA"), kInvalid);
     EXPECT_EQ(TagsOn(debugLog), (std::set<std::string>{"CI_PVRCIP"}));
-
-    using Pieces = std::list<std::string>;
-    EXPECT_EQ(debugLog.m_Split("a,,b,", ','), (Pieces{"a", "", "b"}));
-    EXPECT_EQ(debugLog.m_Split(",", ','), (Pieces{""}));
-    EXPECT_EQ(debugLog.m_Split("", ','), Pieces{});
-    EXPECT_EQ(debugLog.m_Split("a\nb c\n", ' '), (Pieces{"a\nb", "c\n"}));
 }
 
 TEST_F(DebugLogTest, SavedFileListsTagsThatAreOnInMapOrder) {
@@ -264,6 +238,8 @@ TEST_F(DebugLogTest, TogglesFlipSingleTagsAndDecideAllByTheFirstTag) {
     EXPECT_TRUE(debugLog.ChangeLevel("CI_PVRCIP", ECIMLogLevel(2)));
     EXPECT_EQ(CountExact(m_log, "start dlog tag [CI_PVRCIP]. result[0]."), 1u);
     EXPECT_EQ(debugLog.GetLevel("CI_PVRCIP"), ECIMLogLevel(2));
+    EXPECT_EQ(CIM::LogLevelToString(ECIMLogLevel(2)), "NULL");
+    EXPECT_EQ(debugLog.GetLevel("NOT_A_TAG"), kInvalid);
     EXPECT_EQ(cimtest::ReadFile(m_path), "");  // only exactly "on" is saved
     EXPECT_FALSE(debugLog.ToggleTag("CI_PVRCIP"));
     EXPECT_EQ(CountExact(m_log, "Tag not exists or INVALID level."), 2u);
