@@ -5,11 +5,21 @@
 
 #include <cimcore/internal/CIMLog.h>
 
+#include <cstring>
+
 // Evaluates to whether `cond` holds; reports `text` when it does not.
 #define CIM_LSC_EXPECT(cond, text) \
     ((cond) ? true : (CIM::Log::AssertFailed((text), __FILE__, __LINE__, __func__), false))
 
 // The same, reporting the condition as written.
 #define CIM_LSC_CHECK(cond) CIM_LSC_EXPECT(cond, #cond)
+
+// Copies at most size - 1 characters of `source` (null: nothing) and ends
+// `target` there: the runtime's names are cut to fit kernel thread names.
+inline void CopyName(char* target, size_t size, const char* source) {
+    const size_t length = source != nullptr ? ::strnlen(source, size - 1) : 0;
+    std::memcpy(target, source != nullptr ? source : "", length);
+    std::memset(target + length, 0, size - length);
+}
 
 #endif

@@ -104,7 +104,7 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
     // the caller's id is read here, on the caller's own thread.
     info.ulCallerId = static_cast<unsigned long>(pthread_self());
     info.iCallerTid = static_cast<int32_t>(::syscall(SYS_gettid));
-    std::strncpy(info.szCallerName, name, sizeof info.szCallerName - 1);
+    CopyName(info.szCallerName, sizeof info.szCallerName, name);
 
     TCTask* task = (event != nullptr && event->receiver != nullptr) ? event->receiver->Task()
                                                                      : nullptr;
@@ -114,7 +114,7 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
     }
     info.ulReceiverId = static_cast<unsigned long>(task->Id());
     info.ulReserved = 0;
-    std::strncpy(info.szReceiverName, task->Name(), sizeof info.szReceiverName - 1);
+    CopyName(info.szReceiverName, sizeof info.szReceiverName, task->Name());
 
     const int index = Add(&info);
     if (index == -1) {

@@ -97,8 +97,7 @@ bool TCTask::Create(const char* name, unsigned int idleTimeout, unsigned long st
     // Other libraries of the stack may read this value; 1 to 4 becoming 5
     // is how it has always been stored.
     m_createValue = (createValue >= 1 && createValue <= 4) ? 5 : createValue;
-    std::memset(m_name, 0, sizeof m_name);
-    std::strncpy(m_name, name, sizeof m_name - 1);
+    CopyName(m_name, sizeof m_name, name);
     for (int index : {0, 1, 3}) {
         m_before[index] = nullptr;
         m_after[index] = nullptr;

@@ -279,8 +279,7 @@ bool TCThread::Create(const char* threadname, unsigned long stackSize) {
         m_startSync.Destroy();
         return false;
     }
-    std::memset(m_name, 0, sizeof m_name);
-    std::strncpy(m_name, threadname, sizeof m_name - 1);
+    CopyName(m_name, sizeof m_name, threadname);
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
