@@ -15,9 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -63,6 +65,46 @@ bool WriteAll(int fd, const char* data, size_t size) {
         size -= size_t(written);
     }
     return true;
+}
+
+// The log file stays open while CIM_LOG_OUTPUT names the same path, and is
+// reopened when it was removed or renamed away (a rotated log).
+class LogFile {
+public:
+    bool Append(const char* path, const std::string& line) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_fd < 0 || m_path != path || IsUnlinked()) {
+            Reopen(path);
+        }
+        return m_fd >= 0 && WriteAll(m_fd, line.data(), line.size());
+    }
+
+private:
+    // requires m_mutex held
+    bool IsUnlinked() const {
+        struct stat info;
+        return ::fstat(m_fd, &info) != 0 || info.st_nlink == 0;
+    }
+
+    // requires m_mutex held
+    void Reopen(const char* path) {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        do {
+            m_fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        } while (m_fd < 0 && errno == EINTR);
+        m_path = path;
+    }
+
+    std::mutex m_mutex;
+    std::string m_path;  // guarded by m_mutex
+    int m_fd = -1;       // guarded by m_mutex
+};
+
+LogFile& TheLogFile() {
+    static LogFile* file = new LogFile;  // never destroyed: threads may log during exit
+    return *file;
 }
 
 std::string FormatMessage(const char* fmt, va_list args) {
@@ -128,20 +170,8 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     line += message;
     line += '\n';
 
-    int fd = STDERR_FILENO;
-    bool ownFd = false;
-    if (output != nullptr && std::strncmp(output, "file:", 5) == 0) {
-        do {
-            fd = ::open(output + 5, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        } while (fd < 0 && errno == EINTR);
-        if (fd < 0) {
-            return -1;
-        }
-        ownFd = true;
-    }
-    const bool written = WriteAll(fd, line.data(), line.size());
-    if (ownFd) {
-        ::close(fd);
-    }
+    const bool written = (output != nullptr && std::strncmp(output, "file:", 5) == 0)
+                             ? TheLogFile().Append(output + 5, line)
+                             : WriteAll(STDERR_FILENO, line.data(), line.size());
     return written ? int(line.size()) : -1;
 }
