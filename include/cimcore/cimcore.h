@@ -17,5 +17,8 @@
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Task.h>
 #include <cimcore/internal/lsc/Sync.h>
+#include <cimcore/internal/lsc/Alarm.h>
+#include <cimcore/internal/lsc/RWLock.h>
+#include <cimcore/internal/lsc/EventNotifyThread.h>
 
 #endif
