@@ -114,8 +114,7 @@ TEST(RWLockTest, ReaderAskingForTheWriteLockIsReportedAndRefused) {
 
     EXPECT_FALSE(locked);
     EXPECT_EQ(asserts.Expressions(), std::vector<std::string>{"*pCount == 0"});
-    EXPECT_NE(err.find("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"),
-              std::string::npos)
+    EXPECT_NE(err.find("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"), std::string::npos)
         << err;
     EXPECT_NE(out.find("ASSERT!, Func:WLock\n"), std::string::npos) << out;
 
