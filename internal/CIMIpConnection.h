@@ -90,6 +90,12 @@ protected:
     void t_LockAlarmObserverSafe() override;
     void t_UnlockAlarmObserverSafe() override;
 
+    // For the destructors of the transports, after their Disconnect: waits
+    // until the loop holds nothing of this connection any more (see the
+    // definition for when it cannot). Done before this template's destructor
+    // starts, an expiry of the read alarm never meets a half-destroyed object.
+    void m_WaitForLoop();
+
     boost::shared_ptr<TCCIMTask> m_task;
     std::atomic<bool> t_connected;
     Socket m_socket;
@@ -101,7 +107,6 @@ private:
     void m_OnConnect(const std::weak_ptr<ConnectPromise>& promise,
                      const boost::system::error_code& error);
     void m_OnReadTimeoutCb();
-    void m_WaitForLoop();
 
     std::mutex m_observerMutex;
     boost::shared_ptr<TCCIMAlarm> m_alarm;  // owner's thread only

@@ -17,6 +17,7 @@ TCCIMIpConnectionTcp::~TCCIMIpConnectionTcp() {
     Log::Info(kFile, "~TCCIMIpConnectionTcp", 17, "%s", "");
     TCCIMIpConnection<boost::asio::ip::tcp>::Disconnect();
     Log::Info(kFile, "~TCCIMIpConnectionTcp", 19, "%s", "done");
+    m_WaitForLoop();
 }
 
 std::size_t TCCIMIpConnectionTcp::t_SocketSynchronousWrite(const std::vector<uint8_t>& data,

@@ -59,6 +59,7 @@ TCCIMIpConnectionUdp::~TCCIMIpConnectionUdp() {
     Log::Info(kFile, "~TCCIMIpConnectionUdp", 61, "%s", "");
     TCCIMIpConnectionUdp::Disconnect();
     Log::Info(kFile, "~TCCIMIpConnectionUdp", 63, "%s", "done");
+    m_WaitForLoop();
 }
 
 bool TCCIMIpConnectionUdp::ConnectMulticast(const MultiCastDescriptor& descriptor) {

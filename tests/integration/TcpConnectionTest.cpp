@@ -317,7 +317,7 @@ TEST(TcpConnection, DisconnectWhileATimedReadIsPending) {
         std::shared_future<void> released = release.get_future().share();
         boost::asio::post(task.Get()->GetIoContext(), [released]() { released.wait(); });
         releaser = std::thread([&log, &release]() {
-            while (log.Count("~TCCIMIpConnection(66) > done") == 0) {
+            while (log.Count("~TCCIMIpConnectionTcp(19) > done") == 0) {
                 std::this_thread::yield();
             }
             release.set_value();

@@ -98,6 +98,7 @@ TEST(UdpConnection, SourceAddressAndPortBindTheLocalEnd) {
     connection.ReadData(buffer, uint16_t(2000), read.Callback());
     Completion sent;
     connection.SendData({'h', 'i'}, sent.Callback());
+    EXPECT_EQ(sent.Wait().bytes, 2u);
     EXPECT_EQ(read.Wait().bytes, 2u);
     EXPECT_EQ(peer.LastSenderPort(), freePort);
     connection.Disconnect();
