@@ -282,6 +282,8 @@ TEST(TcpConnection, DisconnectWhileATimedReadIsPending) {
             CIM::TCCIMIpConnectionTcp connection(task.Get());
             ASSERT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), 0));
             connection.ReadData(buffer, uint16_t(round % 4), read.Callback());
+            // Not a hand-over: only shifts the Disconnect against the expiry
+            // from round to round.
             if (round % 3 == 1) {
                 std::this_thread::sleep_for(std::chrono::microseconds(300 * (round % 5)));
             }
