@@ -84,8 +84,7 @@ protected:
     virtual std::size_t t_SocketSynchronousWrite(const std::vector<uint8_t>& data,
                                                  boost::system::error_code& error) = 0;
     // Starts one receive of at most data.size() bytes and returns at once.
-    virtual void t_SocketAsynchronousRead(std::vector<uint8_t>& data,
-                                          TCIMIpDataCallback callback);
+    virtual void t_SocketAsynchronousRead(std::vector<uint8_t>& data, TCIMIpDataCallback callback);
     virtual Protocol t_CreateProtocol(bool ipv6) = 0;
     void t_LockAlarmObserverSafe() override;
     void t_UnlockAlarmObserverSafe() override;
@@ -279,8 +278,7 @@ void TCCIMIpConnection<Protocol>::SendData(const std::vector<uint8_t>& data,
     boost::system::error_code error;
     const std::size_t sent = t_SocketSynchronousWrite(data, error);
     // Never inside SendData: the callback always runs on the loop.
-    boost::asio::post(m_task->GetStrand(),
-                      [callback, error, sent]() { callback(error, sent); });
+    boost::asio::post(m_task->GetStrand(), [callback, error, sent]() { callback(error, sent); });
 }
 
 template <typename Protocol>
@@ -302,26 +300,25 @@ void TCCIMIpConnection<Protocol>::ReadData(std::vector<uint8_t>& data,
     boost::shared_ptr<TCCIMAlarm> alarm;
     if (timeoutMs) {
         TICIMAlarmObserverSafe* observer = this;
-        alarm = TCCIMAlarm::CreateAlarm(observer, m_task, [this]() { m_OnReadTimeoutCb(); },
-                                        ALARM_COUNT_ONCE, "LSC");
+        alarm = TCCIMAlarm::CreateAlarm(
+            observer, m_task, [this]() { m_OnReadTimeoutCb(); }, ALARM_COUNT_ONCE, "LSC");
         m_alarm = alarm;
         alarm->SetTimer(*timeoutMs);
     }
     // The handler stops the alarm of its own read, not whatever m_alarm holds
     // by the time it runs: a later ReadData may already have replaced it.
-    t_SocketAsynchronousRead(
-        data, [this, alarm, callback](const boost::system::error_code& error,
-                                      std::size_t transferred) {
-            if (alarm && t_connected) {
-                alarm->StopTimer();
-            }
-            if (error && error != boost::asio::error::operation_aborted) {
-                Log::Info(IpConnectionDetail::kFile, "operator()", 254,
-                          "this [%p] transferred [%zu] error [%s]", static_cast<void*>(this),
-                          transferred, error.message().c_str());
-            }
-            callback(error, transferred);
-        });
+    t_SocketAsynchronousRead(data, [this, alarm, callback](const boost::system::error_code& error,
+                                                           std::size_t transferred) {
+        if (alarm && t_connected) {
+            alarm->StopTimer();
+        }
+        if (error && error != boost::asio::error::operation_aborted) {
+            Log::Info(IpConnectionDetail::kFile, "operator()", 254,
+                      "this [%p] transferred [%zu] error [%s]", static_cast<void*>(this),
+                      transferred, error.message().c_str());
+        }
+        callback(error, transferred);
+    });
 }
 
 template <typename Protocol>

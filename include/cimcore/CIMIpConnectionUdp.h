@@ -38,8 +38,7 @@ public:
 protected:
     std::size_t t_SocketSynchronousWrite(const std::vector<uint8_t>& data,
                                          boost::system::error_code& error) override;
-    void t_SocketAsynchronousRead(std::vector<uint8_t>& data,
-                                  TCIMIpDataCallback callback) override;
+    void t_SocketAsynchronousRead(std::vector<uint8_t>& data, TCIMIpDataCallback callback) override;
     boost::asio::ip::udp t_CreateProtocol(bool ipv6) override;
 
 private:

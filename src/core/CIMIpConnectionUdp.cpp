@@ -79,7 +79,8 @@ bool TCCIMIpConnectionUdp::ConnectMulticast(const MultiCastDescriptor& descripto
     try {
         m_socket.set_option(boost::asio::socket_base::reuse_address(true));
         m_socket.bind(ip::udp::endpoint(ip::address_v4::any(), descriptor.port));
-        m_multicastEndpoint = ip::udp::endpoint(ip::make_address(descriptor.group), descriptor.port);
+        m_multicastEndpoint =
+            ip::udp::endpoint(ip::make_address(descriptor.group), descriptor.port);
     } catch (...) {
         // Not yet marked connected, so no Disconnect would close it: close
         // the socket opened here, leaving the object reusable.
@@ -116,8 +117,8 @@ void TCCIMIpConnectionUdp::Disconnect() {
         Log::Info(kFile, "Disconnect", 117, "%s", "");
         // Only the any-source membership is dropped; closing the socket below
         // ends the source-specific ones.
-        m_socket.set_option(
-            boost::asio::ip::multicast::leave_group(boost::asio::ip::make_address(m_multicastGroup)));
+        m_socket.set_option(boost::asio::ip::multicast::leave_group(
+            boost::asio::ip::make_address(m_multicastGroup)));
     }
     TCCIMIpConnection<boost::asio::ip::udp>::Disconnect();
 }

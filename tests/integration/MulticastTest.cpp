@@ -231,8 +231,8 @@ TEST_F(MulticastTest, ExceptListBlocksTheListedSources) {
         InNamespace rx(s_receiver);
         ASSERT_TRUE(except.ConnectMulticast(
             CIM::MultiCastDescriptor{CIM::IPv4, group, port, false, {kSources[1]}}));
-        ASSERT_TRUE(joinAll.ConnectMulticast(
-            CIM::MultiCastDescriptor{CIM::IPv4, group, port, true, {}}));
+        ASSERT_TRUE(
+            joinAll.ConnectMulticast(CIM::MultiCastDescriptor{CIM::IPv4, group, port, true, {}}));
     }
     SendFrom(1, group, port, "from .3");
     EXPECT_EQ(Receive(listener), "from .3");

@@ -246,9 +246,9 @@ TEST(TcpConnection, DestroyingAConnectedObjectDisconnectsBeforeTheTemplateDestru
     }
     const auto messages = log.Messages();
     auto index = [&messages](const std::string& text) {
-        const auto found = std::find_if(messages.begin(), messages.end(), [&](const std::string& m) {
-            return m.find(text) != std::string::npos;
-        });
+        const auto found =
+            std::find_if(messages.begin(), messages.end(),
+                         [&](const std::string& m) { return m.find(text) != std::string::npos; });
         return found == messages.end() ? -1 : int(found - messages.begin());
     };
     const int tcpEnter = index("CIMIpConnectionTcp.cpp: ~TCCIMIpConnectionTcp(17) > ");

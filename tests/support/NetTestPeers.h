@@ -175,7 +175,8 @@ public:
                 return;
             }
             for (ssize_t sent = 0; sent < got;) {
-                const ssize_t n = ::send(fd, buffer.data() + sent, size_t(got - sent), MSG_NOSIGNAL);
+                const ssize_t n =
+                    ::send(fd, buffer.data() + sent, size_t(got - sent), MSG_NOSIGNAL);
                 if (n <= 0) {
                     return;
                 }

@@ -34,8 +34,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 long MsSince(Clock::time_point start) {
-    return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start)
-                    .count());
+    return long(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
 
 sockaddr_in Address(const char* text, uint16_t port) {
@@ -165,8 +165,8 @@ bool UdpExchange(const boost::shared_ptr<CIM::TCCIMTask>& task) {
         char buffer[1500];
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        const ssize_t got = ::recvfrom(peer, buffer, sizeof buffer, 0,
-                                       reinterpret_cast<sockaddr*>(&from), &length);
+        const ssize_t got =
+            ::recvfrom(peer, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
         if (got > 0) {
             ::sendto(peer, buffer, size_t(got), 0, reinterpret_cast<sockaddr*>(&from), length);
         }
@@ -235,8 +235,8 @@ std::string PrepareLoopbackMulticast() {
 // namespace: nothing of it reaches a real network.
 bool MulticastReception(const boost::shared_ptr<CIM::TCCIMTask>& task, std::string& skipped) {
     if (::unshare(CLONE_NEWNET) != 0) {
-        skipped = std::string("cannot make a private network namespace (") +
-                  std::strerror(errno) + "; it needs root)";
+        skipped = std::string("cannot make a private network namespace (") + std::strerror(errno) +
+                  "; it needs root)";
         return true;
     }
     skipped = PrepareLoopbackMulticast();

@@ -29,20 +29,21 @@ TEST(CIMIpConnectionTypes, TextForms) {
     EXPECT_EQ(CIM::ToString(CIM::PROTOCOL_TYPE_ILLEGAL), "PROTOCOL_TYPE_ILLEGAL");
     EXPECT_TRUE(log.Lines().empty());
 
-    CIM::UniCastDescriptor unicast{CIM::IPv4, "10.0.0.5", 8080, CIM::TCP,
-                                   std::string("10.0.0.2"), uint16_t(4000)};
+    CIM::UniCastDescriptor unicast{
+        CIM::IPv4, "10.0.0.5", 8080, CIM::TCP, std::string("10.0.0.2"), uint16_t(4000)};
     EXPECT_EQ(CIM::ToString(unicast), "UniCast [IPv4]TCP 10.0.0.5 : 8080(10.0.0.2:4000)");
     unicast.sourceAddress.reset();
     EXPECT_EQ(CIM::ToString(unicast), "UniCast [IPv4]TCP 10.0.0.5 : 8080(:4000)");
     unicast.sourcePort.reset();
     EXPECT_EQ(CIM::ToString(unicast), "UniCast [IPv4]TCP 10.0.0.5 : 8080()");
-    const CIM::UniCastDescriptor named{CIM::HOSTNAME, "cam.example", 65535, CIM::UDP,
-                                       std::string("::1"), {}};
+    const CIM::UniCastDescriptor named{CIM::HOSTNAME, "cam.example",      65535,
+                                       CIM::UDP,      std::string("::1"), {}};
     EXPECT_EQ(CIM::ToString(named), "UniCast [HOSTNAME]UDP cam.example : 65535(::1)");
 
-    CIM::MultiCastDescriptor multicast{CIM::IPv4, "232.1.1.1", 5000, true,
-                                       {"10.0.0.1", "10.0.0.2"}};
-    EXPECT_EQ(CIM::ToString(multicast), "MultiCast UDP 232.1.1.1 : 5000 join [ 10.0.0.1 10.0.0.2 ]");
+    CIM::MultiCastDescriptor multicast{
+        CIM::IPv4, "232.1.1.1", 5000, true, {"10.0.0.1", "10.0.0.2"}};
+    EXPECT_EQ(CIM::ToString(multicast),
+              "MultiCast UDP 232.1.1.1 : 5000 join [ 10.0.0.1 10.0.0.2 ]");
     multicast.join = false;
     multicast.sources.clear();
     multicast.destinationType = CIM::IPv6;  // not part of the text
@@ -53,7 +54,7 @@ TEST(CIMIpConnectionTypes, TextForms) {
     EXPECT_EQ(CIM::ToString(static_cast<CIM::EDestinationType>(7)), "");
     EXPECT_EQ(CIM::ToString(static_cast<CIM::EProtocolType>(-3)), "");
     const CIM::UniCastDescriptor odd{static_cast<CIM::EDestinationType>(9), "h", 1,
-                                     static_cast<CIM::EProtocolType>(0), {}, {}};
+                                     static_cast<CIM::EProtocolType>(0),    {},  {}};
     EXPECT_EQ(CIM::ToString(odd), "UniCast [] h : 1()");
     const auto messages = log.Messages();
     ASSERT_EQ(messages.size(), 4u);
@@ -71,8 +72,8 @@ void CheckUnconnected(const boost::shared_ptr<CIM::TCCIMTask>& task) {
     LogCapture log;
     Connection connection(task);
     std::vector<uint8_t> data(8, 0xAA);
-    for (const boost::optional<uint16_t> timeout : {boost::optional<uint16_t>(),
-                                                    boost::optional<uint16_t>(20)}) {
+    for (const boost::optional<uint16_t> timeout :
+         {boost::optional<uint16_t>(), boost::optional<uint16_t>(20)}) {
         Completion read;
         connection.ReadData(data, timeout, read.Callback());
         ASSERT_TRUE(read.Done());
