@@ -17,32 +17,18 @@ void Check(bool condition) {
     }
 }
 
-std::string Join(const std::list<std::string>& pieces, char delimiter) {
-    std::string text;
-    bool first = true;
-    for (const std::string& piece : pieces) {
-        if (!first) {
-            text += delimiter;
-        }
-        text += piece;
-        first = false;
-    }
-    return text;
-}
-
 // Split gives back the text, less one trailing delimiter, and no piece holds
 // the delimiter.
 void CheckSplit(const CIM::TCCIMDebugLog& debugLog, const std::string& text, char delimiter) {
     const std::list<std::string> pieces = debugLog.m_Split(text, delimiter);
     Check(text.empty() == pieces.empty());
-    std::string expected = text;
-    if (!expected.empty() && expected.back() == delimiter) {
-        expected.pop_back();
-    }
-    Check(Join(pieces, delimiter) == expected);
+    std::string joined;
     for (const std::string& piece : pieces) {
         Check(piece.find(delimiter) == std::string::npos);
+        joined += (&piece == &pieces.front() ? "" : std::string(1, delimiter)) + piece;
     }
+    const bool trailing = !text.empty() && text.back() == delimiter;
+    Check(joined == text.substr(0, text.size() - (trailing ? 1 : 0)));
 }
 
 // Loading keeps exactly the supported tags, on where a token names one; what
@@ -56,16 +42,14 @@ void CheckLoad(CIM::TCCIMDebugLog& debugLog, const std::string& text) {
     Check(levels.size() == supported.size());
     for (const std::string& tag : supported) {
         const auto found = levels.find(tag);
-        Check(found != levels.end());
-        Check(found->second == (named.count(tag) != 0 ? CIM::ECIMLogLevel::LOG_LVL_ON
+        Check(found != levels.end() &&
+              found->second == (named.count(tag) != 0 ? CIM::ECIMLogLevel::LOG_LVL_ON
                                                       : CIM::ECIMLogLevel::LOG_LVL_OFF));
     }
-
     const std::string saved = debugLog.m_ToString();
     Check(saved.find("  ") == std::string::npos);
     Check(saved.empty() || (saved.front() != ' ' && saved.back() != ' '));
-    Check(debugLog.m_LoadFromString(saved));
-    Check(debugLog.GetLevels() == levels);
+    Check(debugLog.m_LoadFromString(saved) && debugLog.GetLevels() == levels);
 }
 
 }  // namespace
@@ -82,9 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0) {
         return 0;
     }
-    const char delimiter = char(data[0]);
     const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
-    CheckSplit(debugLog, text, delimiter);
+    CheckSplit(debugLog, text, char(data[0]));
     CheckLoad(debugLog, text);
     return 0;
 }

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include <ftw.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace cimtest {
@@ -48,6 +49,34 @@ std::string ReadFile(const std::string& path) {
 void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
+}
+
+bool Exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+std::string ThreadName() {
+    const long tid = ::syscall(SYS_gettid);
+    std::string comm = ReadFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+    if (!comm.empty() && comm.back() == '\n') {
+        comm.pop_back();
+    }
+    return comm;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const std::string& value) : m_name(name) {
+    const char* previous = std::getenv(name);
+    m_had = previous != nullptr;
+    m_previous = m_had ? previous : "";
+    ::setenv(name, value.c_str(), 1);
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (m_had) {
+        ::setenv(m_name, m_previous.c_str(), 1);
+    } else {
+        ::unsetenv(m_name);
+    }
 }
 
 LogCapture::LogCapture() : m_path(m_dir.File("log.txt")) {

@@ -31,6 +31,24 @@ private:
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
+bool Exists(const std::string& path);
+
+// The calling thread's name as the kernel shows it (/proc/self/task/TID/comm).
+std::string ThreadName();
+
+// Sets an environment variable for its lifetime, then restores the old state.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* m_name;
+    std::string m_previous;
+    bool m_had;
+};
 
 // Sends the platform log to a fresh file for its lifetime (CIM_LOG_OUTPUT)
 // and reads it back. Create it before starting threads that log.

@@ -7,10 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,85 +19,32 @@
 
 namespace {
 
-// Restores an environment variable when the test ends.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : m_name(name) {
-        const char* previous = std::getenv(name);
-        m_had = previous != nullptr;
-        m_previous = m_had ? previous : "";
-        ::setenv(name, value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (m_had) {
-            ::setenv(m_name, m_previous.c_str(), 1);
-        } else {
-            ::unsetenv(m_name);
-        }
-    }
-
-private:
-    const char* m_name;
-    std::string m_previous;
-    bool m_had;
-};
-
-// What one run of the launched script reported.
-struct Received {
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;  // the CIM_APP* variables, sorted
-    std::string standardInput;
-    long parent = 0;
-    long session = 0;
-};
-
-Received Parse(const std::string& text) {
-    Received received;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        const size_t equals = line.find('=');
-        const std::string key = line.substr(0, equals);
-        const std::string value = line.substr(equals + 1);
-        if (key == "arg") {
-            received.arguments.push_back(value);
-        } else if (key == "stdin") {
-            received.standardInput = value;
-        } else if (key == "stat") {
-            // pid (comm) state ppid pgrp session ...
-            std::istringstream fields(value.substr(value.rfind(')') + 2));
-            std::string state;
-            long group = 0;
-            fields >> state >> received.parent >> group >> received.session;
-        } else {
-            received.environment.push_back(line);
-        }
-    }
-    return received;
-}
+const std::string kFirstLine = "ApplicationLauncher.cpp: LaunchApplication(86) > ";
+const std::string kSuccess =
+    "ApplicationLauncher.cpp: LaunchApplication(97) > Launching was successful";
 
 class LauncherTest : public ::testing::Test {
 protected:
-    LauncherTest()
-        : m_home(m_dir.File("home")),
-          m_system(m_dir.File("system")),
-          m_outDir(m_dir.File("out")),
-          m_script(m_dir.File("launched.sh")),
-          m_dataHome("XDG_DATA_HOME", m_home),
-          m_dataDirs("XDG_DATA_DIRS", m_system) {
+    LauncherTest() {
         for (const std::string& dir :
              {m_home, m_home + "/applications", m_system, m_system + "/applications", m_outDir}) {
             ::mkdir(dir.c_str(), 0755);
         }
+        // The first lines list what it got; the last two tell its parent and
+        // session, which must not be ours.
         cimtest::WriteFile(m_script,
                            "#!/bin/sh\n"
-                           "out=\"" + m_outDir + "/$$\"\n"
-                           "{\n"
-                           "  for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done\n"
-                           "  env | grep '^CIM_APP' | sort\n"
-                           "  printf 'stdin=%s\\n' \"$(readlink /proc/$$/fd/0)\"\n"
-                           "  printf 'stat=%s\\n' \"$(cat /proc/$$/stat)\"\n"
-                           "} > \"$out.tmp\"\n"
-                           "mv \"$out.tmp\" \"$out\"\n");
+                           "out=\"" +
+                               m_outDir +
+                               "/$$\"\n"
+                               "{\n"
+                               "  for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done\n"
+                               "  env | grep '^CIM_APP' | sort\n"
+                               "  printf 'stdin=%s\\n' \"$(readlink /proc/$$/fd/0)\"\n"
+                               "  printf 'parent=%s\\n' \"$PPID\"\n"
+                               "  printf 'session=%s\\n' \"$(cut -d' ' -f6 /proc/$$/stat)\"\n"
+                               "} > \"$out.tmp\"\n"
+                               "mv \"$out.tmp\" \"$out\"\n");
         ::chmod(m_script.c_str(), 0755);
     }
 
@@ -109,81 +54,72 @@ protected:
                                "\n\n[Desktop Action other]\nExec=/bin/false\n");
     }
 
-    // Waits for the reports of `count` runs in all; bounded, as a launch that
-    // went wrong never writes one.
-    std::vector<Received> WaitForRuns(size_t count) {
-        const auto deadline = std::chrono::steady_clock::now() + cimtest::Scaled(std::chrono::seconds(10));
-        std::vector<std::string> names;
-        while (std::chrono::steady_clock::now() < deadline) {
-            names = Reports();
-            if (names.size() >= count) {
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        std::vector<Received> runs;
-        for (const std::string& name : names) {
-            runs.push_back(Parse(cimtest::ReadFile(m_outDir + "/" + name)));
-        }
-        return runs;
-    }
-
+    // The reports of the finished runs.
     std::vector<std::string> Reports() const {
-        std::vector<std::string> names;
+        std::vector<std::string> reports;
         if (DIR* dir = ::opendir(m_outDir.c_str())) {
             while (const dirent* entry = ::readdir(dir)) {
                 const std::string name = entry->d_name;
                 if (name[0] != '.' && name.find(".tmp") == std::string::npos) {
-                    names.push_back(name);
+                    reports.push_back(cimtest::ReadFile(m_outDir + "/" + name));
                 }
             }
             ::closedir(dir);
         }
-        return names;
+        return reports;
+    }
+
+    // Polls, bounded: the launched program is nobody's child here, and one
+    // that went wrong never reports.
+    std::vector<std::string> WaitForRuns(size_t count) const {
+        const auto deadline =
+            std::chrono::steady_clock::now() + cimtest::Scaled(std::chrono::seconds(10));
+        std::vector<std::string> reports = Reports();
+        while (reports.size() < count && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            reports = Reports();
+        }
+        return reports;
     }
 
     cimtest::TempDir m_dir;
     cimtest::LogCapture m_log;
-    const std::string m_home;
-    const std::string m_system;
-    const std::string m_outDir;
-    const std::string m_script;
-    ScopedEnv m_dataHome;
-    ScopedEnv m_dataDirs;
+    const std::string m_home = m_dir.File("home");
+    const std::string m_system = m_dir.File("system");
+    const std::string m_outDir = m_dir.File("out");
+    const std::string m_script = m_dir.File("launched.sh");
+    const cimtest::ScopedEnv m_dataHome{"XDG_DATA_HOME", m_home};
+    const cimtest::ScopedEnv m_dataDirs{"XDG_DATA_DIRS", m_system};
 };
 
 TEST_F(LauncherTest, LaunchRunsTheEntrysProgramDetachedWithItsParameters) {
     // Four backslashes and \" in the file: a backslash and a quote in the
     // argument, after the string escapes and then the quoting rules.
-    WriteEntry(m_home, "cim.test.app", m_script + " %U \"two words\" 100%% --opt=%f \"q\\\\\\\\\\\"\"");
-    const ScopedEnv stale("CIM_APP_EXTRA_STALE", "from the parent");
+    WriteEntry(m_home, "cim.test.app",
+               m_script + " %U \"two words\" 100%% --opt=%f \"q\\\\\\\\\\\"\"");
+    const cimtest::ScopedEnv stale("CIM_APP_EXTRA_STALE", "from the parent");
     {
         CIM::ApplicationLauncher launcher;
         EXPECT_TRUE(launcher.AddParameter("KEY", "first"));
         EXPECT_TRUE(launcher.AddParameter("OTHER", "x y"));
         EXPECT_TRUE(launcher.AddParameter("KEY", "second"));
         ASSERT_TRUE(launcher.LaunchApplication("cim.test.app"));
-        // The parameters stay in the handle: the same request again.
-        ASSERT_TRUE(launcher.LaunchApplication("cim.test.app"));
+        ASSERT_TRUE(launcher.LaunchApplication("cim.test.app"));  // the same request again
     }
-    const std::vector<Received> runs = WaitForRuns(2);
+    const std::vector<std::string> runs = WaitForRuns(2);
     ASSERT_EQ(runs.size(), 2u);
-    for (const Received& run : runs) {
-        EXPECT_EQ(run.arguments, (std::vector<std::string>{"two words", "100%", "--opt=", "q\\\""}));
-        EXPECT_EQ(run.environment,
-                  (std::vector<std::string>{"CIM_APP_EXTRA_KEY=second", "CIM_APP_EXTRA_OTHER=x y",
-                                            "CIM_APP_ID=cim.test.app"}));
-        EXPECT_EQ(run.standardInput, "/dev/null");
-        EXPECT_NE(run.parent, long(::getpid()));
-        EXPECT_NE(run.session, long(::getsid(0)));
+    for (const std::string& run : runs) {
+        const std::string received = run.substr(0, run.find("parent="));
+        EXPECT_EQ(received,
+                  "arg=two words\narg=100%\narg=--opt=\narg=q\\\"\n"
+                  "CIM_APP_EXTRA_KEY=second\nCIM_APP_EXTRA_OTHER=x y\nCIM_APP_ID=cim.test.app\n"
+                  "stdin=/dev/null\n");
+        EXPECT_EQ(run.find("parent=" + std::to_string(::getpid()) + "\n"), std::string::npos);
+        EXPECT_EQ(run.find("session=" + std::to_string(::getsid(0)) + "\n"), std::string::npos);
+        EXPECT_NE(run.find("session="), std::string::npos);
     }
-    const std::vector<std::string> messages = m_log.Messages();
-    EXPECT_EQ(messages,
-              (std::vector<std::string>{
-                  "ApplicationLauncher.cpp: LaunchApplication(86) > cim.test.app",
-                  "ApplicationLauncher.cpp: LaunchApplication(97) > Launching was successful",
-                  "ApplicationLauncher.cpp: LaunchApplication(86) > cim.test.app",
-                  "ApplicationLauncher.cpp: LaunchApplication(97) > Launching was successful"}));
+    EXPECT_EQ(m_log.Messages(), (std::vector<std::string>{kFirstLine + "cim.test.app", kSuccess,
+                                                          kFirstLine + "cim.test.app", kSuccess}));
 }
 
 TEST_F(LauncherTest, EntriesAreFoundInDataHomeFirstThenDataDirs) {
@@ -192,20 +128,14 @@ TEST_F(LauncherTest, EntriesAreFoundInDataHomeFirstThenDataDirs) {
     WriteEntry(m_home, "both", m_script + " home");
     CIM::ApplicationLauncher launcher;
     ASSERT_TRUE(launcher.LaunchApplication("only.system"));
-    std::vector<Received> runs = WaitForRuns(1);
-    ASSERT_EQ(runs.size(), 1u);
-    EXPECT_EQ(runs[0].arguments, std::vector<std::string>{"system"});
-    // No parameters: the id alone.
-    EXPECT_EQ(runs[0].environment, std::vector<std::string>{"CIM_APP_ID=only.system"});
-
+    ASSERT_EQ(WaitForRuns(1).size(), 1u);
     ASSERT_TRUE(launcher.LaunchApplication("both"));
-    runs = WaitForRuns(2);
+    std::vector<std::string> runs = WaitForRuns(2);
     ASSERT_EQ(runs.size(), 2u);
-    size_t fromHome = 0;
-    for (const Received& run : runs) {
-        fromHome += run.arguments == std::vector<std::string>{"home"} ? 1 : 0;
-    }
-    EXPECT_EQ(fromHome, 1u);
+    std::sort(runs.begin(), runs.end());
+    // No parameters: the id alone.
+    EXPECT_EQ(runs[0].substr(0, runs[0].find("stdin=")), "arg=home\nCIM_APP_ID=both\n");
+    EXPECT_EQ(runs[1].substr(0, runs[1].find("stdin=")), "arg=system\nCIM_APP_ID=only.system\n");
 }
 
 TEST_F(LauncherTest, RefusedLaunchesReturnFalseAndLogOnlyTheFirstLine) {
@@ -217,72 +147,65 @@ TEST_F(LauncherTest, RefusedLaunchesReturnFalseAndLogOnlyTheFirstLine) {
     WriteEntry(m_home, "only.codes", "%U %f");
     cimtest::WriteFile(m_home + "/applications/no.exec.desktop",
                        "[Desktop Entry]\nName=x\n[Other]\nExec=" + m_script + "\n");
-
-    for (const char* appId :
+    for (const std::string appId :
          {"no-such-app", "missing.program", "not.executable", "only.codes", "no.exec"}) {
         m_log.Clear();
         CIM::ApplicationLauncher launcher;
         EXPECT_TRUE(launcher.AddParameter("KEY", "value"));
-        EXPECT_FALSE(launcher.LaunchApplication(appId)) << appId;
-        EXPECT_EQ(m_log.Messages(),
-                  std::vector<std::string>{std::string("ApplicationLauncher.cpp: "
-                                                       "LaunchApplication(86) > ") + appId});
+        EXPECT_FALSE(launcher.LaunchApplication(appId.c_str())) << appId;
+        EXPECT_EQ(m_log.Messages(), std::vector<std::string>{kFirstLine + appId});
     }
     EXPECT_TRUE(Reports().empty());
 }
 
 TEST_F(LauncherTest, InjectedPlatformFailuresGiveTheDocumentedResults) {
     WriteEntry(m_home, "cim.test.app", m_script);
+    const std::string prefix = "ApplicationLauncher.cpp: ";
+    const std::string first = kFirstLine + "cim.test.app";
+    const std::string notSet = " > service is not set";
     struct Case {
         const char* fail;
         bool added;
         bool launched;
-        std::vector<std::string> messages;
+        std::vector<std::string> lines;  // level letter, then the message
     };
-    const std::string prefix = "ApplicationLauncher.cpp: ";
     const Case cases[] = {
-        {"create", false, false,
-         {prefix + "AddParameter(76) > service is not set",
-          prefix + "LaunchApplication(86) > cim.test.app",
-          prefix + "LaunchApplication(101) > service is not set",
-          prefix + "~ApplicationLauncher(56) > service is not set"}},
-        {"add", false, true,
-         {prefix + "LaunchApplication(86) > cim.test.app",
-          prefix + "LaunchApplication(97) > Launching was successful"}},
-        {"appid", true, false, {prefix + "LaunchApplication(86) > cim.test.app"}},
-        {"send", true, false, {prefix + "LaunchApplication(86) > cim.test.app"}},
-        {"destroy", true, true,
-         {prefix + "LaunchApplication(86) > cim.test.app",
-          prefix + "LaunchApplication(97) > Launching was successful",
-          prefix + "~ApplicationLauncher(51) > Error during destroying service data"}},
+        {"create",
+         false,
+         false,
+         {"E " + prefix + "AddParameter(76)" + notSet, "I " + first,
+          "E " + prefix + "LaunchApplication(101)" + notSet,
+          "E " + prefix + "~ApplicationLauncher(56)" + notSet}},
+        {"add", false, true, {"I " + first, "I " + kSuccess}},
+        {"appid", true, false, {"I " + first}},
+        {"send", true, false, {"I " + first}},
+        {"destroy",
+         true,
+         true,
+         {"I " + first, "I " + kSuccess,
+          "E " + prefix + "~ApplicationLauncher(51) > Error during destroying service data"}},
     };
-    size_t expectedRuns = 0;
+    size_t runs = 0;
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.fail);
         m_log.Clear();
         {
-            const ScopedEnv fail("CIM_APPCONTROL_FAIL", std::string("unused,") + c.fail);
+            const cimtest::ScopedEnv fail("CIM_APPCONTROL_FAIL", std::string("unused,") + c.fail);
             CIM::ApplicationLauncher launcher;
-            EXPECT_EQ(launcher.AddParameter("KEY", "value"), c.added) << c.fail;
-            EXPECT_EQ(launcher.LaunchApplication("cim.test.app"), c.launched) << c.fail;
+            EXPECT_EQ(launcher.AddParameter("KEY", "value"), c.added);
+            EXPECT_EQ(launcher.LaunchApplication("cim.test.app"), c.launched);
         }
-        EXPECT_EQ(m_log.Messages(), c.messages) << c.fail;
-        if (c.launched) {
-            const std::vector<Received> runs = WaitForRuns(++expectedRuns);
-            ASSERT_EQ(runs.size(), expectedRuns) << c.fail;
+        std::vector<std::string> lines = m_log.Lines();
+        const std::vector<std::string> messages = m_log.Messages();
+        for (size_t i = 0; i < lines.size(); ++i) {
+            const size_t tag = lines[i].find("/CI_CORE(");
+            lines[i] =
+                (tag == std::string::npos ? "?" : lines[i].substr(tag - 1, 1)) + " " + messages[i];
         }
+        EXPECT_EQ(lines, c.lines);
+        runs += c.launched ? 1 : 0;
+        EXPECT_EQ(WaitForRuns(runs).size(), runs);
     }
-    // Error lines at error level, the rest informational.
-    m_log.Clear();
-    {
-        const ScopedEnv fail("CIM_APPCONTROL_FAIL", "create");
-        CIM::ApplicationLauncher launcher;
-        launcher.LaunchApplication("cim.test.app");
-    }
-    const std::vector<std::string> lines = m_log.Lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[0].find(" I/CI_CORE("), std::string::npos);
-    EXPECT_NE(lines[1].find(" E/CI_CORE("), std::string::npos);
-    EXPECT_NE(lines[2].find(" E/CI_CORE("), std::string::npos);
 }
 
 }  // namespace
