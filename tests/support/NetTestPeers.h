@@ -1,5 +1,5 @@
-// Real peers for the connection tests: small plain-socket servers on
-// loopback, each on its own thread, and a task that joins itself.
+// Real peers for the connection tests: small Boost.Asio servers on loopback,
+// each blocking on its own thread, plus the plumbing the tests share.
 #ifndef CIMCORE_TESTS_NETTESTPEERS_H
 #define CIMCORE_TESTS_NETTESTPEERS_H
 
@@ -7,91 +7,57 @@
 #include <cimcore/CIMThreadPool.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <functional>
 #include <future>
 #include <stdexcept>
-#include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/udp.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
 
 namespace cimtest {
 
-inline void ThrowErrno(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
+namespace ip = boost::asio::ip;
+using Clock = std::chrono::steady_clock;
+
+inline std::chrono::milliseconds Since(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
 }
 
-inline sockaddr_in Ipv4Address(const std::string& address, uint16_t port) {
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_port = htons(port);
-    if (::inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) {
-        throw std::invalid_argument("not an IPv4 literal: " + address);
+inline std::vector<uint8_t> Pattern(size_t size, unsigned seed) {
+    std::vector<uint8_t> data(size);
+    for (size_t i = 0; i < size; ++i) {
+        data[i] = uint8_t(i * 131 + seed * 7 + (i >> 8));
     }
-    return result;
+    return data;
 }
 
-inline uint16_t LocalPort(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ThrowErrno("getsockname");
-    }
-    return ntohs(address.sin_port);
+// The peers' sockets make blocking calls only; this context never runs.
+inline boost::asio::io_context& PeerContext() {
+    static boost::asio::io_context context;
+    return context;
 }
 
-// A socket of the given type bound to address:port (port 0: any free one).
-inline int BoundSocket(int type, const std::string& address, uint16_t port, bool reuse = false) {
-    const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        ThrowErrno("socket");
-    }
-    const int one = 1;
-    if (reuse) {
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    }
-    const sockaddr_in local = Ipv4Address(address, port);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-        const int error = errno;
-        ::close(fd);
-        throw std::system_error(error, std::generic_category(), "bind " + address);
-    }
-    return fd;
-}
-
-// Waits up to `timeoutMs` for the descriptor to become readable.
-inline bool WaitReadable(int fd, int timeoutMs) {
+inline bool WaitReadable(int fd, std::chrono::milliseconds limit) {
     pollfd entry{fd, POLLIN, 0};
-    return ::poll(&entry, 1, timeoutMs) > 0;
+    return ::poll(&entry, 1, int(limit.count())) > 0;
 }
 
 // A one-thread task for the connections under test; joined when it goes.
-class TestTask {
-public:
-    TestTask() : m_task(boost::make_shared<CIM::TCCIMTask>("ipc-test")) {}
-    ~TestTask() { m_task->Join(); }
-    TestTask(const TestTask&) = delete;
-    TestTask& operator=(const TestTask&) = delete;
-    const boost::shared_ptr<CIM::TCCIMTask>& Get() const { return m_task; }
-
-private:
-    boost::shared_ptr<CIM::TCCIMTask> m_task;
+struct TestTask {
+    ~TestTask() { task->Join(); }
+    const boost::shared_ptr<CIM::TCCIMTask>& Get() const { return task; }
+    boost::shared_ptr<CIM::TCCIMTask> task = boost::make_shared<CIM::TCCIMTask>("ipc-test");
 };
 
-// One operation's completion callback, handing its result over to the test
-// thread and counting how often it was called.
+// One operation's completion: hands the first result over to the test thread
+// and counts the calls, so that a duplicate shows.
 class Completion {
 public:
     struct Result {
@@ -99,13 +65,9 @@ public:
         std::size_t bytes;
         std::thread::id thread;
     };
-    Completion() : m_future(m_promise.get_future()) {}
-    Completion(const Completion&) = delete;
-    Completion& operator=(const Completion&) = delete;
-
     CIM::TCIMIpDataCallback Callback() {
         return [this](const boost::system::error_code& error, std::size_t bytes) {
-            if (m_calls.fetch_add(1) == 0) {
+            if (m_calls++ == 0) {
                 m_promise.set_value(Result{error, bytes, std::this_thread::get_id()});
             }
         };
@@ -113,9 +75,8 @@ public:
     bool Done() const {
         return m_future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     }
-    // Fails the calling test through an exception if nothing comes in time.
-    Result Wait(std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
-        if (m_future.wait_for(limit) != std::future_status::ready) {
+    Result Wait() {
+        if (m_future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
             throw std::runtime_error("completion callback not called in time");
         }
         return m_future.get();
@@ -125,155 +86,84 @@ public:
 private:
     std::atomic<int> m_calls{0};
     std::promise<Result> m_promise;
-    std::shared_future<Result> m_future;
+    std::shared_future<Result> m_future = m_promise.get_future().share();
 };
 
-// A TCP listener on 127.0.0.1 whose thread accepts one connection and hands
-// it to `serve`. The listener is shut down (waking the accept) when the peer
-// goes.
-class TcpPeer {
+// Accepts one connection on 127.0.0.1 and echoes it until the other end
+// closes. Shutting the listener down wakes an accept that waits in vain.
+class TcpEchoPeer {
 public:
-    using Serve = std::function<void(int fd)>;
-
-    explicit TcpPeer(Serve serve) : m_listener(BoundSocket(SOCK_STREAM, "127.0.0.1", 0)) {
-        if (::listen(m_listener, 4) != 0) {
-            ThrowErrno("listen");
-        }
-        m_port = LocalPort(m_listener);
-        m_thread = std::thread([this, serve]() {
-            const int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
-                m_clientPort.set_value(0);
-                return;
-            }
-            sockaddr_in remote{};
-            socklen_t length = sizeof remote;
-            ::getpeername(fd, reinterpret_cast<sockaddr*>(&remote), &length);
-            m_clientPort.set_value(ntohs(remote.sin_port));
-            serve(fd);
-            ::close(fd);
-        });
-    }
-    ~TcpPeer() {
-        ::shutdown(m_listener, SHUT_RDWR);
+    TcpEchoPeer() : m_thread([this]() { Serve(); }) {}
+    ~TcpEchoPeer() {
+        ::shutdown(m_listener.native_handle(), SHUT_RDWR);
         m_thread.join();
-        ::close(m_listener);
     }
-    TcpPeer(const TcpPeer&) = delete;
-    TcpPeer& operator=(const TcpPeer&) = delete;
-
     uint16_t Port() const { return m_port; }
     // The remote port of the accepted connection, as the peer sees it.
-    uint16_t ClientPort() { return m_clientPortFuture.get(); }
-
-    // Echoes everything until the other end closes.
-    static void Echo(int fd) {
-        std::vector<char> buffer(65536);
-        for (;;) {
-            const ssize_t got = ::recv(fd, buffer.data(), buffer.size(), 0);
-            if (got <= 0) {
-                return;
-            }
-            for (ssize_t sent = 0; sent < got;) {
-                const ssize_t n =
-                    ::send(fd, buffer.data() + sent, size_t(got - sent), MSG_NOSIGNAL);
-                if (n <= 0) {
-                    return;
-                }
-                sent += n;
-            }
-        }
-    }
+    uint16_t ClientPort() { return m_clientPort.get(); }
 
 private:
-    int m_listener;
-    uint16_t m_port = 0;
-    std::promise<uint16_t> m_clientPort;
-    std::shared_future<uint16_t> m_clientPortFuture = m_clientPort.get_future();
+    void Serve() {
+        boost::system::error_code error;
+        ip::tcp::socket socket(PeerContext());
+        m_listener.accept(socket, error);
+        m_clientPortPromise.set_value(error ? 0 : socket.remote_endpoint(error).port());
+        std::vector<char> data(65536);
+        for (std::size_t got;
+             !error && (got = socket.read_some(boost::asio::buffer(data), error));) {
+            boost::asio::write(socket, boost::asio::buffer(data.data(), got), error);
+        }
+    }
+    ip::tcp::acceptor m_listener{PeerContext(), {ip::address_v4::loopback(), 0}};
+    const uint16_t m_port = m_listener.local_endpoint().port();
+    std::promise<uint16_t> m_clientPortPromise;
+    std::shared_future<uint16_t> m_clientPort = m_clientPortPromise.get_future().share();
     std::thread m_thread;
 };
 
-// A loopback port that refuses connections: bound, never listening.
-class RefusingPort {
-public:
-    RefusingPort() : m_fd(BoundSocket(SOCK_STREAM, "127.0.0.1", 0)), m_port(LocalPort(m_fd)) {}
-    ~RefusingPort() { ::close(m_fd); }
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    uint16_t Port() const { return m_port; }
-
-private:
-    int m_fd;
-    uint16_t m_port;
+// Never answers a new connection: its accept queue (backlog 0: one entry) is
+// filled by a connection nobody accepts, and the kernel drops further SYNs.
+struct SilentTcpPeer {
+    SilentTcpPeer() {
+        listener.listen(0);
+        filler.connect(listener.local_endpoint());
+    }
+    ip::tcp::acceptor listener{PeerContext(), {ip::address_v4::loopback(), 0}};
+    ip::tcp::socket filler{PeerContext()};
 };
 
-// A listener that never answers a new connection: its accept queue (length
-// 0, so one entry) is filled by a connection nobody accepts, and the kernel
-// drops every further SYN.
-class SilentTcpPeer {
-public:
-    SilentTcpPeer() : m_listener(BoundSocket(SOCK_STREAM, "127.0.0.1", 0)) {
-        if (::listen(m_listener, 0) != 0) {
-            ThrowErrno("listen");
-        }
-        m_port = LocalPort(m_listener);
-        m_filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in remote = Ipv4Address("127.0.0.1", m_port);
-        if (::connect(m_filler, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) != 0) {
-            ThrowErrno("connect filler");
-        }
-    }
-    ~SilentTcpPeer() {
-        ::close(m_filler);
-        ::close(m_listener);
-    }
-    SilentTcpPeer(const SilentTcpPeer&) = delete;
-    SilentTcpPeer& operator=(const SilentTcpPeer&) = delete;
-    uint16_t Port() const { return m_port; }
-
-private:
-    int m_listener;
-    int m_filler;
-    uint16_t m_port = 0;
-};
-
-// A UDP socket on 127.0.0.1 whose thread echoes every datagram to its sender
-// and remembers the last sender's port.
+// Echoes every datagram on 127.0.0.1 to its sender and remembers the last
+// sender's port.
 class UdpEchoPeer {
 public:
-    UdpEchoPeer() : m_fd(BoundSocket(SOCK_DGRAM, "127.0.0.1", 0)), m_port(LocalPort(m_fd)) {
-        m_thread = std::thread([this]() {
-            std::vector<char> buffer(65536);
-            while (!m_stop) {
-                if (!WaitReadable(m_fd, 20)) {
-                    continue;
-                }
-                sockaddr_in from{};
-                socklen_t length = sizeof from;
-                const ssize_t got = ::recvfrom(m_fd, buffer.data(), buffer.size(), 0,
-                                               reinterpret_cast<sockaddr*>(&from), &length);
-                if (got < 0) {
-                    continue;
-                }
-                m_lastSenderPort = ntohs(from.sin_port);
-                ::sendto(m_fd, buffer.data(), size_t(got), 0,
-                         reinterpret_cast<const sockaddr*>(&from), length);
-            }
-        });
-    }
+    UdpEchoPeer() : m_thread([this]() { Serve(); }) {}
     ~UdpEchoPeer() {
         m_stop = true;
+        ::shutdown(m_socket.native_handle(), SHUT_RDWR);  // wakes the receive
         m_thread.join();
-        ::close(m_fd);
     }
-    UdpEchoPeer(const UdpEchoPeer&) = delete;
-    UdpEchoPeer& operator=(const UdpEchoPeer&) = delete;
     uint16_t Port() const { return m_port; }
     uint16_t LastSenderPort() const { return m_lastSenderPort; }
 
 private:
-    int m_fd;
-    uint16_t m_port;
+    void Serve() {
+        std::vector<char> data(65536);
+        ip::udp::endpoint from;
+        boost::system::error_code error;
+        for (;;) {
+            const std::size_t got =
+                m_socket.receive_from(boost::asio::buffer(data), from, 0, error);
+            if (m_stop) {
+                return;
+            }
+            if (!error) {
+                m_lastSenderPort = from.port();
+                m_socket.send_to(boost::asio::buffer(data.data(), got), from, 0, error);
+            }
+        }
+    }
+    ip::udp::socket m_socket{PeerContext(), {ip::address_v4::loopback(), 0}};
+    const uint16_t m_port = m_socket.local_endpoint().port();
     std::atomic<bool> m_stop{false};
     std::atomic<uint16_t> m_lastSenderPort{0};
     std::thread m_thread;
