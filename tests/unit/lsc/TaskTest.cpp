@@ -234,10 +234,12 @@ TEST_F(TaskTest, PingTimesOutOnABusyTaskAndClearQueueGoesFirst) {
         [&] { return task.Find(&task, EVENT_CLEAR_QUEUE, &requests) && requests == 1; }));
     task.Open();
     EXPECT_TRUE(cleared.get());
-    EXPECT_TRUE(TCTask::Ping(&task, 5000));
+    // A ping has priority and would overtake the events still queued: an
+    // ordinary synchronous event is the barrier.
+    ASSERT_TRUE(SendTo(&other, EVENT_USER, true, 23));
     const std::vector<unsigned long> types = task.Types();
     EXPECT_EQ(std::count(types.begin(), types.end(), EVENT_USER), 2);
-    EXPECT_EQ(other.tags, (std::vector<uintptr_t>{20, 21, 22}));
+    EXPECT_EQ(other.tags, (std::vector<uintptr_t>{20, 21, 22, 23}));
     other.TCHandler::Destroy();
 
     task.Stop();

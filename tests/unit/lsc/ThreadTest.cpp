@@ -92,7 +92,7 @@ TEST(SemaphoreTest, OvertakenTimedTryStartsItsFullTimeoutAgain) {
     // once; the waiter usually loses that race. When it wins the attempt
     // proves nothing and is repeated.
     bool overtaken = false;
-    for (int attempt = 0; attempt < 5 && !overtaken; ++attempt) {
+    for (int attempt = 0; attempt < 20 && !overtaken; ++attempt) {
         auto waiter = std::async(std::launch::async, [&semaphore] {
             const auto start = Clock::now();
             const bool result = semaphore.Try(kTimeout);
