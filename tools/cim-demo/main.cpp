@@ -125,11 +125,15 @@ int main(int argc, char** argv) {
                    std::chrono::duration<double, std::milli>(end - start).count()});
     }
 
+    int width = 7;
+    for (const Result& result : results) {
+        width = std::max(width, int(std::strlen(result.title)));
+    }
     std::printf("\n== Summary ==\n");
-    std::printf("  %-44s %-6s %10s\n", "section", "result", "time (ms)");
+    std::printf("  %-*s  %-6s %10s\n", width, "section", "result", "time (ms)");
     bool allOk = true;
     for (const Result& result : results) {
-        std::printf("  %-44s %-6s %10.1f\n", result.title, result.ok ? "ok" : "FAILED",
+        std::printf("  %-*s  %-6s %10.1f\n", width, result.title, result.ok ? "ok" : "FAILED",
                     result.ms);
         allOk = allOk && result.ok;
     }
