@@ -1,0 +1,70 @@
+// Fuzzes the reading of a desktop entry's Exec command, which comes from files
+// that other packages install.
+//
+// Any input must split without a fault. And any list of arguments, written
+// out the way a desktop entry quotes and escapes them, must split back into
+// exactly that list.
+#include "DesktopEntry.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Quotes one argument for an Exec command: inside double quotes only " ` $ \
+// need a backslash.
+std::string Quote(const std::string& argument) {
+    std::string quoted = "\"";
+    for (const char c : argument) {
+        if (c == '"' || c == '`' || c == '$' || c == '\\') {
+            quoted += '\\';
+        }
+        quoted += c;
+    }
+    return quoted + "\"";
+}
+
+// Escapes a command as a desktop-entry string value.
+std::string EscapeValue(const std::string& command) {
+    std::string value;
+    for (const char c : command) {
+        switch (c) {
+            case '\\': value += "\\\\"; break;
+            case '\n': value += "\\n"; break;
+            case '\t': value += "\\t"; break;
+            case '\r': value += "\\r"; break;
+            default: value += c;
+        }
+    }
+    return value;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    (void)cimhost::SplitExecCommand(text);
+
+    // The same bytes as arguments: split at NUL bytes, which a value never holds.
+    std::vector<std::string> arguments;
+    std::string current;
+    for (const char c : text) {
+        if (c == '\0') {
+            arguments.push_back(current);
+            current.clear();
+        } else {
+            current += c;
+        }
+    }
+    arguments.push_back(current);
+    std::string command;
+    for (const std::string& argument : arguments) {
+        command += (command.empty() ? "" : " ") + Quote(argument);
+    }
+    if (cimhost::SplitExecCommand(EscapeValue(command)) != arguments) {
+        std::abort();
+    }
+    return 0;
+}
