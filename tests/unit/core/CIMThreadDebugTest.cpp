@@ -24,26 +24,19 @@ std::string NameOnOtherThread(const std::string& name) {
     return seen;
 }
 
-TEST(CIMThreadDebugTest, OnlyTheRegisteredMainThreadIsRefused) {
+TEST(CIMThreadDebugTest, LongNamesAreCutAndOnlyTheRegisteredMainThreadIsRefused) {
     cimtest::LogCapture log;
     const std::string savedName = cimtest::ThreadName();
-
-    // A long name is cut by the kernel, which is not an error.
     EXPECT_EQ("abcdefghijklmno", NameOnOtherThread("abcdefghijklmnopqrst"));
     TCCIMThreadDebug::SetThisThreadName("unregistered");
     EXPECT_EQ("unregistered", cimtest::ThreadName());
-    EXPECT_TRUE(log.Lines().empty());
 
     TCCIMThreadDebug::MAIN_THREAD_ID = pthread_self();
     TCCIMThreadDebug::SetThisThreadName("renamed");
     EXPECT_EQ("unregistered", cimtest::ThreadName());
     EXPECT_EQ("other-thread", NameOnOtherThread("other-thread"));
-    const std::vector<std::string> lines = log.Lines();
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_NE(std::string::npos, lines[0].find(" E/CI_CORE("));
-    EXPECT_EQ("CIMThreadDebug.cpp: SetThisThreadName(45) > Cannot change name of the main thread",
-              log.Messages()[0]);
-
+    EXPECT_EQ(log.Messages(), std::vector<std::string>{"CIMThreadDebug.cpp: SetThisThreadName(45) "
+                                                       "> Cannot change name of the main thread"});
     TCCIMThreadDebug::MAIN_THREAD_ID = 0;
     prctl(PR_SET_NAME, savedName.c_str(), 0, 0, 0);
 }
