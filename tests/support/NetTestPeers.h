@@ -11,9 +11,9 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <boost/asio/ip/tcp.hpp>
@@ -24,16 +24,11 @@
 namespace cimtest {
 
 namespace ip = boost::asio::ip;
-using Clock = std::chrono::steady_clock;
 
-inline std::chrono::milliseconds Since(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-}
-
-inline std::vector<uint8_t> Pattern(size_t size, unsigned seed) {
+inline std::vector<uint8_t> Pattern(size_t size) {
     std::vector<uint8_t> data(size);
     for (size_t i = 0; i < size; ++i) {
-        data[i] = uint8_t(i * 131 + seed * 7 + (i >> 8));
+        data[i] = uint8_t(i * 131 + size + (i >> 8));
     }
     return data;
 }
@@ -44,9 +39,8 @@ inline boost::asio::io_context& PeerContext() {
     return context;
 }
 
-inline bool WaitReadable(int fd, std::chrono::milliseconds limit) {
-    pollfd entry{fd, POLLIN, 0};
-    return ::poll(&entry, 1, int(limit.count())) > 0;
+inline CIM::UniCastDescriptor Loopback(uint16_t port, CIM::EProtocolType protocol) {
+    return CIM::UniCastDescriptor{CIM::IPv4, "127.0.0.1", port, protocol, {}, {}};
 }
 
 // A one-thread task for the connections under test; joined when it goes.
@@ -56,122 +50,74 @@ struct TestTask {
     boost::shared_ptr<CIM::TCCIMTask> task = boost::make_shared<CIM::TCCIMTask>("ipc-test");
 };
 
-// One operation's completion: hands the first result over to the test thread
-// and counts the calls, so that a duplicate shows.
-class Completion {
-public:
+// One operation's completion: hands the first result to the test thread and
+// counts the calls, so that a duplicate shows.
+struct Completion {
     struct Result {
         boost::system::error_code error;
         std::size_t bytes;
-        std::thread::id thread;
     };
     CIM::TCIMIpDataCallback Callback() {
         return [this](const boost::system::error_code& error, std::size_t bytes) {
-            if (m_calls++ == 0) {
-                m_promise.set_value(Result{error, bytes, std::this_thread::get_id()});
+            if (calls++ == 0) {
+                promise.set_value(Result{error, bytes});
             }
         };
     }
-    bool Done() const {
-        return m_future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    }
     Result Wait() {
-        if (m_future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+        if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
             throw std::runtime_error("completion callback not called in time");
         }
-        return m_future.get();
+        return future.get();
     }
-    int Calls() const { return m_calls; }
-
-private:
-    std::atomic<int> m_calls{0};
-    std::promise<Result> m_promise;
-    std::shared_future<Result> m_future = m_promise.get_future().share();
+    std::atomic<int> calls{0};
+    std::promise<Result> promise;
+    std::shared_future<Result> future = promise.get_future().share();
 };
 
-// Accepts one connection on 127.0.0.1 and echoes it until the other end
-// closes. Shutting the listener down wakes an accept that waits in vain.
-class TcpEchoPeer {
+// Echoes on 127.0.0.1 from its own thread: over TCP one accepted connection
+// until the other end closes, over UDP every datagram to its sender. Shutting
+// the socket down wakes a blocking call that waits in vain.
+template <typename Protocol>
+class EchoPeer {
 public:
-    TcpEchoPeer() : m_thread([this]() { Serve(); }) {}
-    ~TcpEchoPeer() {
-        ::shutdown(m_listener.native_handle(), SHUT_RDWR);
+    EchoPeer() : m_thread([this]() { Serve(); }) {}
+    ~EchoPeer() {
+        ::shutdown(m_socket.native_handle(), SHUT_RDWR);
         m_thread.join();
     }
     uint16_t Port() const { return m_port; }
     // The remote port of the accepted connection, as the peer sees it.
-    uint16_t ClientPort() { return m_clientPort.get(); }
+    uint16_t ClientPort() { return m_clientPort.get_future().get(); }
 
 private:
-    void Serve() {
-        boost::system::error_code error;
-        ip::tcp::socket socket(PeerContext());
-        m_listener.accept(socket, error);
-        m_clientPortPromise.set_value(error ? 0 : socket.remote_endpoint(error).port());
-        std::vector<char> data(65536);
-        for (std::size_t got;
-             !error && (got = socket.read_some(boost::asio::buffer(data), error));) {
-            boost::asio::write(socket, boost::asio::buffer(data.data(), got), error);
-        }
-    }
-    ip::tcp::acceptor m_listener{PeerContext(), {ip::address_v4::loopback(), 0}};
-    const uint16_t m_port = m_listener.local_endpoint().port();
-    std::promise<uint16_t> m_clientPortPromise;
-    std::shared_future<uint16_t> m_clientPort = m_clientPortPromise.get_future().share();
-    std::thread m_thread;
-};
-
-// Never answers a new connection: its accept queue (backlog 0: one entry) is
-// filled by a connection nobody accepts, and the kernel drops further SYNs.
-struct SilentTcpPeer {
-    SilentTcpPeer() {
-        listener.listen(0);
-        filler.connect(listener.local_endpoint());
-    }
-    ip::tcp::acceptor listener{PeerContext(), {ip::address_v4::loopback(), 0}};
-    ip::tcp::socket filler{PeerContext()};
-};
-
-// Echoes every datagram on 127.0.0.1 to its sender and remembers the last
-// sender's port.
-class UdpEchoPeer {
-public:
-    UdpEchoPeer() : m_thread([this]() { Serve(); }) {}
-    ~UdpEchoPeer() {
-        m_stop = true;
-        ::shutdown(m_socket.native_handle(), SHUT_RDWR);  // wakes the receive
-        m_thread.join();
-    }
-    uint16_t Port() const { return m_port; }
-    uint16_t LastSenderPort() const { return m_lastSenderPort; }
-
-private:
+    static constexpr bool kTcp = std::is_same_v<Protocol, ip::tcp>;
     void Serve() {
         std::vector<char> data(65536);
-        ip::udp::endpoint from;
         boost::system::error_code error;
-        for (;;) {
-            const std::size_t got =
-                m_socket.receive_from(boost::asio::buffer(data), from, 0, error);
-            if (m_stop) {
-                return;
+        std::size_t got;
+        if constexpr (kTcp) {
+            ip::tcp::socket socket(PeerContext());
+            m_socket.accept(socket, error);
+            m_clientPort.set_value(error ? 0 : socket.remote_endpoint(error).port());
+            while (!error && (got = socket.read_some(boost::asio::buffer(data), error)) > 0) {
+                boost::asio::write(socket, boost::asio::buffer(data.data(), got), error);
             }
-            if (!error) {
-                m_lastSenderPort = from.port();
+        } else {
+            ip::udp::endpoint from;
+            // After the shutdown the receive gives 0 bytes or an error.
+            while ((got = m_socket.receive_from(boost::asio::buffer(data), from, 0, error)) > 0 &&
+                   !error) {
                 m_socket.send_to(boost::asio::buffer(data.data(), got), from, 0, error);
             }
         }
     }
-    ip::udp::socket m_socket{PeerContext(), {ip::address_v4::loopback(), 0}};
+    std::conditional_t<kTcp, ip::tcp::acceptor, ip::udp::socket> m_socket{
+        PeerContext(), {ip::address_v4::loopback(), 0}};
     const uint16_t m_port = m_socket.local_endpoint().port();
-    std::atomic<bool> m_stop{false};
-    std::atomic<uint16_t> m_lastSenderPort{0};
+    std::promise<uint16_t> m_clientPort;
     std::thread m_thread;
 };
-
-inline CIM::UniCastDescriptor Loopback(uint16_t port, CIM::EProtocolType protocol) {
-    return CIM::UniCastDescriptor{CIM::IPv4, "127.0.0.1", port, protocol, {}, {}};
-}
 
 }  // namespace cimtest
 
