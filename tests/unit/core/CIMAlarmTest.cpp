@@ -4,6 +4,7 @@
 
 #include "TestSupport.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -179,6 +180,26 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
     alarm.reset();
     m_task->Join();  // would wait for ever on an alarm still armed
     EXPECT_TRUE(watch.expired());
+}
+
+// The two expiry handlers report a missing observer each with its own text.
+TEST_F(CIMAlarmTest, MissingObserverIsReportedAtEachExpiry) {
+    cimtest::AssertRecorder recorder;
+    AlarmPtr once = Create(nullptr);
+    AlarmPtr repeating = Create(nullptr, ALARM_COUNT_INFINITY);
+    once->SetTimer(0);
+    repeating->SetTimer(5);
+    Observer probe(kHold);  // expires after both of the others
+    AlarmPtr later = Create(&probe);
+    later->SetTimer(60);
+    ASSERT_TRUE(probe.expiries.WaitFor(1));
+    for (const AlarmPtr& alarm : {once, repeating, later}) {
+        alarm->StopTimer();
+        alarm->Join();
+    }
+    const std::vector<std::string> reports = recorder.Expressions();
+    EXPECT_EQ(1, std::count(reports.begin(), reports.end(), "m_alarmObserver != __null"));
+    EXPECT_GE(std::count(reports.begin(), reports.end(), "m_alarmObserver != nullptr"), 1);
 }
 
 TEST_F(CIMAlarmTest, AlarmNotOwnedBySharedPointerNeverStarts) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
 using CIM::ECIMLogLevel;
@@ -126,6 +128,19 @@ TEST_F(DebugLogTest, FailuresKeepWhatCouldBeChanged) {
     EXPECT_TRUE(debugLog.ChangeLevel(kOn));
     EXPECT_EQ(File(), "CI_API CI_APPLICATION CI_CAM_IMPL CI_CORE CI_DAEMON CI_MODULE CI_PVRCIP");
     EXPECT_EQ(Logged("Change level failed!"), 2u);
+
+    // A full device fails the save; the saved line still follows the error.
+    const std::string full = m_dir.File("full.txt");
+    TCCIMDebugLog onFull(full, m_supported);  // before the link: /dev/full reads zeros
+    ASSERT_EQ(::symlink("/dev/full", full.c_str()), 0);
+    m_log.Clear();
+    EXPECT_TRUE(onFull.ChangeLevel("CI_API", kOn));
+    const std::vector<std::string> messages = m_log.Messages();
+    ASSERT_GE(messages.size(), 3u);
+    EXPECT_NE(messages[messages.size() - 3].find("> Flush failed!"), std::string::npos);
+    EXPECT_NE(messages[messages.size() - 2].find("> Error while writing to the file " + full),
+              std::string::npos);
+    EXPECT_NE(messages.back().find("> Current configuration saved."), std::string::npos);
 }
 
 TEST_F(DebugLogTest, TogglesFlipOneTagOrDecideAllByCiApiAlone) {
