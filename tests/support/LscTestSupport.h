@@ -11,9 +11,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
+#include <functional>
+#include <future>
 #include <thread>
-#include <vector>
 
 namespace cimtest {
 
@@ -24,17 +24,14 @@ inline long ElapsedMs(Clock::time_point from) {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from).count());
 }
 
-// Polls `done` until it holds; false once `limit` (scaled) has passed.
+// Polls `done` until it holds or `limit` (scaled) has passed.
 template <class Condition>
 bool WaitUntil(Condition done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
     const auto deadline = Clock::now() + Scaled(limit);
-    while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
+    while (!done() && Clock::now() < deadline) {
         std::this_thread::yield();
     }
-    return true;
+    return done();
 }
 
 inline TSEvent MakeEvent(TCHandler* receiver, unsigned long type, uintptr_t tag = 0) {
@@ -50,12 +47,10 @@ inline bool SendTo(TCHandler* receiver, unsigned long type, bool sync, uintptr_t
     return TCTask::Send(&event, sync, false);
 }
 
-// What the raw callbacks Before and After count, passed as their context.
+// Counted by the raw callbacks Before and After, passed as their context.
 struct Calls {
-    std::atomic<int> before{0};
-    std::atomic<int> after{0};
-    std::atomic<bool> beforeResult{false};
-    std::atomic<bool> afterResult{false};
+    std::atomic<int> before{0}, after{0};
+    std::atomic<bool> beforeResult{false}, afterResult{false};
 };
 inline bool Before(const TSEvent*, const void* context) {
     auto* calls = static_cast<Calls*>(const_cast<void*>(context));
@@ -68,7 +63,6 @@ inline bool After(const TSEvent*, const void* context) {
     return calls->afterResult;
 }
 
-// The entries of the sync-send table in use.
 inline int SyncEntries() {
     TCSyncDet::m_pLock->Lock();
     int valid = 0;
@@ -79,8 +73,15 @@ inline int SyncEntries() {
     return valid;
 }
 
-// A task that records the types its own handler executed and whose next user
-// event can be held on its thread until Open.
+// For the tests that need the runtime's global state.
+class LscTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(LegacyCoreExport::Init()); }
+    void TearDown() override { LegacyCoreExport::Destroy(); }
+};
+
+// Counts the events its own handler executed and the user hooks; Hold keeps
+// its thread inside a user event until Open.
 class HeldTask : public TCTask {
 public:
     HeldTask() {
@@ -91,7 +92,6 @@ public:
         m_gate.Destroy();
         m_entered.Destroy();
     }
-    // Returns once the task's thread is inside a user event.
     void Hold() {
         m_hold = true;
         ASSERT_TRUE(SendTo(this, EVENT_USER, false));
@@ -102,20 +102,21 @@ public:
         EXPECT_TRUE(SendTo(this, EVENT_EXIT, false));
         Destroy();
     }
-    std::vector<unsigned long> Types() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_types;
-    }
+
+    std::atomic<int> executed[64]{};  // by type, for the types below 64
+    std::atomic<int> userHooks{0};
+    std::function<void(const TSEvent*)> onUser;  // set before events flow
 
 protected:
     bool t_OnEvent(const TSEvent* event) override {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_types.push_back(event->type);
-        }
+        ++executed[event->type % 64];
         return TCTask::t_OnEvent(event);
     }
-    bool t_OnUser(const TSEvent*) override {
+    bool t_OnUser(const TSEvent* event) override {
+        ++userHooks;
+        if (onUser) {
+            onUser(event);
+        }
         if (m_hold.exchange(false)) {
             m_entered.Give();
             m_gate.Take();
@@ -127,8 +128,6 @@ private:
     std::atomic<bool> m_hold{false};
     TCSemaphore m_gate;
     TCSemaphore m_entered;
-    std::mutex m_mutex;
-    std::vector<unsigned long> m_types;  // guarded by m_mutex
 };
 
 }  // namespace cimtest

@@ -1,20 +1,11 @@
 #include <cimcore/internal/lsc/EventNotifyThread.h>
 
-#include "TestSupport.h"
+#include "LscTestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <future>
-
+namespace cimtest {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-unsigned long Ms(std::chrono::milliseconds ms) {
-    return static_cast<unsigned long>(ms.count());
-}
 
 class EventNotifyThreadTest : public ::testing::Test {
 protected:
@@ -30,45 +21,17 @@ protected:
         m_queue.Destroy();
     }
 
-    void PutNumbered(uintptr_t number) {
-        TSEvent event;
-        event.word4 = number;
-        ASSERT_TRUE(m_queue.Put(&event, false));
-    }
-
     TCQueue m_queue;
     TCSemaphore m_notify;
     TCEventNotifyThread m_thread;
 };
 
-TEST_F(EventNotifyThreadTest, GivesOncePerEventAndLeavesTheEventsQueued) {
-    ASSERT_TRUE(m_thread.Create("notify", &m_queue, &m_notify, 50));
-    EXPECT_FALSE(m_notify.Try(175)) << "a time-out without events gave";
-    for (uintptr_t number = 1; number <= 3; ++number) {
-        PutNumbered(number);
-    }
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(m_notify.Try(Ms(cimtest::Scaled(2000ms)))) << "notification " << i;
-    }
-    EXPECT_FALSE(m_notify.Try(60)) << "more notifications than events";
-
-    // The reader takes the events itself, in order, without the item count
-    // that the notify thread has consumed.
-    TSEvent event;
-    for (uintptr_t number = 1; number <= 3; ++number) {
-        ASSERT_TRUE(m_queue.GetQData(&event));
-        EXPECT_EQ(event.word4, number);
-    }
-    EXPECT_FALSE(m_queue.GetQData(&event));
-}
-
-TEST_F(EventNotifyThreadTest, DestroyEndsTheLoopWhenNothingEverArrived) {
+TEST_F(EventNotifyThreadTest, DestroyEndsTheLoopAndEachEventGivesOnce) {
     for (unsigned int timeout : {0u, 10000u}) {
-        SCOPED_TRACE(timeout);
         ASSERT_TRUE(m_thread.Create("notify-idle", &m_queue, &m_notify, timeout));
         const auto start = Clock::now();
-        EXPECT_TRUE(m_thread.Destroy());
-        EXPECT_LT(Clock::now() - start, cimtest::Scaled(1000ms));
+        EXPECT_TRUE(m_thread.Destroy()) << timeout;
+        EXPECT_LT(Clock::now() - start, Scaled(1000ms));
         EXPECT_FALSE(m_thread.FlagRunning());
         // The wake-up unit either became one last notification or is still
         // in the queue's item count; drain both.
@@ -76,6 +39,24 @@ TEST_F(EventNotifyThreadTest, DestroyEndsTheLoopWhenNothingEverArrived) {
         while (m_queue.Try(1)) {
         }
     }
+
+    // With a time-out, and events arriving.
+    ASSERT_TRUE(m_thread.Create("notify", &m_queue, &m_notify, 50));
+    EXPECT_FALSE(m_notify.Try(175)) << "a time-out without events gave";
+    TSEvent event;
+    for (uintptr_t number = 1; number <= 3; ++number) {
+        event.word4 = number;
+        ASSERT_TRUE(m_queue.Put(&event, false));
+    }
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(m_notify.Try(Scaled(2000ms).count())) << "notification " << i;
+    }
+    EXPECT_FALSE(m_notify.Try(60)) << "more notifications than events";
+    // The reader takes the events itself, without the units the notify thread consumed.
+    for (uintptr_t number = 1; number <= 3; ++number) {
+        EXPECT_TRUE(m_queue.GetQData(&event) && event.word4 == number) << number;
+    }
 }
 
 }  // namespace
+}  // namespace cimtest
