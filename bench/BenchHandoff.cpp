@@ -217,8 +217,7 @@ const Registrar kPlain(kGroup, "std::mutex + condition_variable queue", false, k
                        PlainMutexQueue);
 const Registrar kAce(kGroup, "ACE_Message_Queue<ACE_MT_SYNCH>", false, kIterations,
                      AceMessageQueue);
-const Registrar kPoco(kGroup, "Poco::NotificationQueue", false, kIterations,
-                      PocoNotificationQueue);
+const Registrar kPoco(kGroup, "Poco::NotificationQueue", false, kIterations, PocoNotificationQueue);
 const Registrar kFutex(kGroup, "futex ping-pong (machine limit)", false, kIterations,
                        FutexPingPong);
 

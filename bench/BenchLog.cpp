@@ -42,7 +42,10 @@ double Stdio(long n) {
     FILE* file = std::fopen(path.c_str(), "a");
     const auto start = std::chrono::steady_clock::now();
     for (long i = 0; i < n; ++i) {
-        std::fprintf(file, "11-21 12:00:00.000 I/CI_CORE(1:1): Bench.cpp: Stdio(1) > event %ld handled in %d ms\n", i, 3);
+        std::fprintf(
+            file,
+            "11-21 12:00:00.000 I/CI_CORE(1:1): Bench.cpp: Stdio(1) > event %ld handled in %d ms\n",
+            i, 3);
         std::fflush(file);  // a log line must be out when the call returns
     }
     const double seconds = SecondsSince(start);

@@ -160,16 +160,15 @@ double AsioTimerRearm(long n) {
     return SecondsSince(start);
 }
 
-const Registrar kTaskPost(kPostGroup, "cimcore CIM::TCCIMTask, through its strand", true,
-                          200000, TaskPost);
-const Registrar kAsioPost(kPostGroup, "Boost.Asio io_context, one thread", false, 200000,
-                          AsioPost);
+const Registrar kTaskPost(kPostGroup, "cimcore CIM::TCCIMTask, through its strand", true, 200000,
+                          TaskPost);
+const Registrar kAsioPost(kPostGroup, "Boost.Asio io_context, one thread", false, 200000, AsioPost);
 const Registrar kPlainPost(kPostGroup, "std::function queue + mutex + condition", false, 200000,
                            PlainWorkQueue);
-const Registrar kAlarm(kTimerGroup, "cimcore CIM::TCCIMAlarm one-shot via observer", true,
-                       50000, AlarmRearm);
-const Registrar kAsioTimer(kTimerGroup, "Boost.Asio steady_timer async_wait chain", false,
-                           50000, AsioTimerRearm);
+const Registrar kAlarm(kTimerGroup, "cimcore CIM::TCCIMAlarm one-shot via observer", true, 50000,
+                       AlarmRearm);
+const Registrar kAsioTimer(kTimerGroup, "Boost.Asio steady_timer async_wait chain", false, 50000,
+                           AsioTimerRearm);
 
 }  // namespace
 }  // namespace cimbench

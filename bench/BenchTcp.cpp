@@ -128,8 +128,9 @@ double AsioAsync(long n) {
     for (long i = 0; i < n; ++i) {
         boost::asio::async_write(socket, boost::asio::buffer(request),
                                  [](const boost::system::error_code&, std::size_t) {});
-        boost::asio::async_read(socket, boost::asio::buffer(reply),
-                                [&](const boost::system::error_code&, std::size_t) { done.Give(); });
+        boost::asio::async_read(
+            socket, boost::asio::buffer(reply),
+            [&](const boost::system::error_code&, std::size_t) { done.Give(); });
         done.Take();
     }
     const double seconds = SecondsSince(start);
@@ -145,8 +146,8 @@ double LibraryConnection(long n) {
     double seconds = 0;
     {
         CIM::TCCIMIpConnectionTcp connection(task);
-        const CIM::UniCastDescriptor peerAddress{CIM::IPv4, "127.0.0.1", peer.Port(), CIM::TCP,
-                                                 boost::none, boost::none};
+        const CIM::UniCastDescriptor peerAddress{CIM::IPv4, "127.0.0.1", peer.Port(),
+                                                 CIM::TCP,  boost::none, boost::none};
         connection.Connect(peerAddress, 2);
         CIM::TCCIMSemaphore done(0);
         std::vector<uint8_t> request(kSize);

@@ -13,8 +13,8 @@ constexpr int kInfo = 4;
 constexpr int kError = 6;
 
 // Logs "<file>: <function>(<line>) > " followed by the formatted message.
-void Write(int priority, const char* file, const char* function, int line, const char* format,
-           ...) __attribute__((format(printf, 5, 6)));
+void Write(int priority, const char* file, const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 void Info(const char* file, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));

@@ -10,11 +10,7 @@
 
 namespace CIM {
 
-enum class ECIMLogLevel : std::uint8_t {
-    LOG_LVL_OFF = 0,
-    LOG_LVL_ON = 1,
-    LOG_LVL_INVALID = 255
-};
+enum class ECIMLogLevel : std::uint8_t { LOG_LVL_OFF = 0, LOG_LVL_ON = 1, LOG_LVL_INVALID = 255 };
 
 // "OFF", "ON", and "NULL" for any other value.
 std::string LogLevelToString(ECIMLogLevel level);

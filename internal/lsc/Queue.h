@@ -129,8 +129,8 @@ private:
 
     TCSemaphore m_items;  // units a blocking reader may take
     // All below guarded by the inherited mutex.
-    int m_tail;   // next slot at the back
-    int m_head;   // slot of the first event
+    int m_tail;  // next slot at the back
+    int m_head;  // slot of the first event
     int32_t m_count;
     TSEvent m_slots[kSlots];
 };

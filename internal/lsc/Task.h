@@ -151,7 +151,7 @@ public:
     // The task under the cursor, null at the end.
     static TCTask* Task();
 
-    static std::list<TCTask*> m_taskList;                // guarded by m_mutex
+    static std::list<TCTask*> m_taskList;  // guarded by m_mutex
     static TCMutex m_mutex;
     static std::list<TCTask*>::iterator m_currentTask;  // guarded by m_mutex
 };

@@ -61,8 +61,8 @@ std::vector<std::string> DataDirectories() {
         }
     }
     const char* list = std::getenv("XDG_DATA_DIRS");
-    std::istringstream entries(list != nullptr && list[0] != '\0' ? list
-                                                                   : "/usr/local/share/:/usr/share/");
+    std::istringstream entries(
+        list != nullptr && list[0] != '\0' ? list : "/usr/local/share/:/usr/share/");
     for (std::string entry; std::getline(entries, entry, ':');) {
         if (!entry.empty() && entry[0] == '/') {
             dirs.push_back(entry);
@@ -241,8 +241,7 @@ extern "C" int app_control_send_launch_request(app_control_h app_control,
     if (entry.empty()) {
         return APP_CONTROL_ERROR_APP_NOT_FOUND;
     }
-    std::vector<std::string> arguments =
-        cimhost::SplitExecCommand(cimhost::ReadExecValue(entry));
+    std::vector<std::string> arguments = cimhost::SplitExecCommand(cimhost::ReadExecValue(entry));
     if (arguments.empty()) {
         return APP_CONTROL_ERROR_LAUNCH_REJECTED;
     }

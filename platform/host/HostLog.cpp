@@ -29,25 +29,38 @@ namespace {
 
 char PriorityLetter(int prio) {
     switch (prio) {
-        case DLOG_VERBOSE: return 'V';
-        case DLOG_DEBUG: return 'D';
-        case DLOG_INFO: return 'I';
-        case DLOG_WARN: return 'W';
-        case DLOG_ERROR: return 'E';
-        case DLOG_FATAL: return 'F';
-        default: return '?';
+        case DLOG_VERBOSE:
+            return 'V';
+        case DLOG_DEBUG:
+            return 'D';
+        case DLOG_INFO:
+            return 'I';
+        case DLOG_WARN:
+            return 'W';
+        case DLOG_ERROR:
+            return 'E';
+        case DLOG_FATAL:
+            return 'F';
+        default:
+            return '?';
     }
 }
 
 int SyslogLevel(int prio) {
     switch (prio) {
         case DLOG_VERBOSE:
-        case DLOG_DEBUG: return LOG_DEBUG;
-        case DLOG_INFO: return LOG_INFO;
-        case DLOG_WARN: return LOG_WARNING;
-        case DLOG_ERROR: return LOG_ERR;
-        case DLOG_FATAL: return LOG_CRIT;
-        default: return LOG_NOTICE;
+        case DLOG_DEBUG:
+            return LOG_DEBUG;
+        case DLOG_INFO:
+            return LOG_INFO;
+        case DLOG_WARN:
+            return LOG_WARNING;
+        case DLOG_ERROR:
+            return LOG_ERR;
+        case DLOG_FATAL:
+            return LOG_CRIT;
+        default:
+            return LOG_NOTICE;
     }
 }
 
@@ -131,10 +144,10 @@ std::string LinePrefix(int prio, const char* tag) {
     struct tm local;
     ::localtime_r(&now.tv_sec, &local);
     char prefix[128];
-    std::snprintf(prefix, sizeof prefix, "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ",
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                  long(now.tv_usec / 1000), PriorityLetter(prio), tag, long(::getpid()),
-                  long(::syscall(SYS_gettid)));
+    std::snprintf(
+        prefix, sizeof prefix, "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ", local.tm_mon + 1,
+        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, long(now.tv_usec / 1000),
+        PriorityLetter(prio), tag, long(::getpid()), long(::syscall(SYS_gettid)));
     return prefix;
 }
 

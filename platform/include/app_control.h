@@ -18,8 +18,8 @@ typedef enum {
 } app_control_error_e;
 
 /* Called with the result of a launch request; unused by this library. */
-typedef void (*app_control_reply_cb)(app_control_h request, app_control_h reply,
-                                     int result, void* user_data);
+typedef void (*app_control_reply_cb)(app_control_h request, app_control_h reply, int result,
+                                     void* user_data);
 
 int app_control_create(app_control_h* app_control);
 int app_control_destroy(app_control_h app_control);

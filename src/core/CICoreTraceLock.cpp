@@ -33,8 +33,7 @@ TCCICoreTraceLock::~TCCICoreTraceLock() {
 
 // Through a stream on purpose: a null text sets the stream's bad bit, so the
 // rest of the trace is empty instead of an exception.
-std::string TCCICoreTraceLock::m_GetTrace(int line, const char* file,
-                                          const char* function) const {
+std::string TCCICoreTraceLock::m_GetTrace(int line, const char* file, const char* function) const {
     std::ostringstream trace;
     trace << function << ":" << file << ":" << line;
     return trace.str();

@@ -130,20 +130,21 @@ void TCCIMAlarm::m_SetTimer(int periodMs) {
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
         boost::shared_ptr<Timer> timer = m_timer;
         switch (m_alarmType) {
-        case ALARM_COUNT_INFINITY:
-            timer->async_wait([self, timer, periodMs](const boost::system::error_code& error) mutable {
-                self->m_HandleTimerCountInfinity(timer, periodMs, error);
-            });
-            break;
-        case ALARM_COUNT_ONCE:
-            timer->async_wait([self, timer](const boost::system::error_code& error) mutable {
-                self->m_HandleTimerCountOnce(timer, error);
-            });
-            break;
-        default:
-            // Left active with an idle timer, as reported.
-            Log::AssertFailed("0", kPath, 236, "m_SetTimer");
-            return;
+            case ALARM_COUNT_INFINITY:
+                timer->async_wait(
+                    [self, timer, periodMs](const boost::system::error_code& error) mutable {
+                        self->m_HandleTimerCountInfinity(timer, periodMs, error);
+                    });
+                break;
+            case ALARM_COUNT_ONCE:
+                timer->async_wait([self, timer](const boost::system::error_code& error) mutable {
+                    self->m_HandleTimerCountOnce(timer, error);
+                });
+                break;
+            default:
+                // Left active with an idle timer, as reported.
+                Log::AssertFailed("0", kPath, 236, "m_SetTimer");
+                return;
         }
     } catch (const std::exception& error) {
         Log::Error(kFile, "m_SetTimer", 243, "%s", error.what());

@@ -115,8 +115,8 @@ TCAutoTimeoutDebug::~TCAutoTimeoutDebug() {
     const unsigned long diff = TickDiff(endTime, m_startTime);
     if (diff > m_threshold) {
         Log::Error("CIMTime.cpp", "~TCAutoTimeoutDebug", 234,
-                   "%s endTime(%lu) - startTime(%lu) diff(%lu) > m_threshold(%lu)",
-                   m_name.c_str(), endTime, m_startTime, diff, m_threshold);
+                   "%s endTime(%lu) - startTime(%lu) diff(%lu) > m_threshold(%lu)", m_name.c_str(),
+                   endTime, m_startTime, diff, m_threshold);
     }
 }
 

@@ -20,9 +20,12 @@ constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_confi
 
 std::string LogLevelToString(ECIMLogLevel level) {
     switch (level) {
-        case ECIMLogLevel::LOG_LVL_OFF: return "OFF";
-        case ECIMLogLevel::LOG_LVL_ON: return "ON";
-        default: return "NULL";
+        case ECIMLogLevel::LOG_LVL_OFF:
+            return "OFF";
+        case ECIMLogLevel::LOG_LVL_ON:
+            return "ON";
+        default:
+            return "NULL";
     }
 }
 
@@ -82,8 +85,10 @@ bool TCCIMDebugLog::ChangeLevel(ECIMLogLevel level) noexcept {
 
 bool TCCIMDebugLog::ToggleTag(const std::string& tag) noexcept {
     switch (GetLevel(tag)) {
-        case ECIMLogLevel::LOG_LVL_OFF: return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_ON);
-        case ECIMLogLevel::LOG_LVL_ON: return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_OFF);
+        case ECIMLogLevel::LOG_LVL_OFF:
+            return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_ON);
+        case ECIMLogLevel::LOG_LVL_ON:
+            return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_OFF);
         default:
             Log::Info(kSource, __func__, __LINE__, "Tag not exists or INVALID level.");
             return false;
@@ -93,8 +98,8 @@ bool TCCIMDebugLog::ToggleTag(const std::string& tag) noexcept {
 ECIMLogLevel TCCIMDebugLog::ToggleLog() noexcept {
     // The first tag alone decides, so a mixed configuration ends all equal.
     // An empty map counts as "not on".
-    const bool firstOn = !m_debugLevels.empty() &&
-                         m_debugLevels.begin()->second == ECIMLogLevel::LOG_LVL_ON;
+    const bool firstOn =
+        !m_debugLevels.empty() && m_debugLevels.begin()->second == ECIMLogLevel::LOG_LVL_ON;
     const ECIMLogLevel level = firstOn ? ECIMLogLevel::LOG_LVL_OFF : ECIMLogLevel::LOG_LVL_ON;
     Log::Info(kSource, __func__, __LINE__, "Toggle changed to [%s] ",
               LogLevelToString(level).c_str());
@@ -134,15 +139,13 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
 
 int TCCIMDebugLog::m_StartDlogTag(const std::string& tag) {
     const int result = startdlogtagbydefault(tag.c_str());
-    Log::Info(kSource, __func__, __LINE__, "start dlog tag [%s]. result[%d].", tag.c_str(),
-              result);
+    Log::Info(kSource, __func__, __LINE__, "start dlog tag [%s]. result[%d].", tag.c_str(), result);
     return result;
 }
 
 int TCCIMDebugLog::m_StopDlogTag(const std::string& tag) {
     const int result = stopdlogtagbydefault(tag.c_str());
-    Log::Info(kSource, __func__, __LINE__, "stop dlog tag [%s] result[%d].", tag.c_str(),
-              result);
+    Log::Info(kSource, __func__, __LINE__, "stop dlog tag [%s] result[%d].", tag.c_str(), result);
     return result;
 }
 

@@ -106,8 +106,8 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
     info.iCallerTid = static_cast<int32_t>(::syscall(SYS_gettid));
     CopyName(info.szCallerName, sizeof info.szCallerName, name);
 
-    TCTask* task = (event != nullptr && event->receiver != nullptr) ? event->receiver->Task()
-                                                                     : nullptr;
+    TCTask* task =
+        (event != nullptr && event->receiver != nullptr) ? event->receiver->Task() : nullptr;
     if (!CIM_LSC_EXPECT(task != nullptr && task->FlagCreate(), "FlagCreate() == true") ||
         !CIM_LSC_EXPECT(task->TCThread::FlagCreate(), "FlagCreate() == true")) {
         return -1;

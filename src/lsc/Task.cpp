@@ -297,16 +297,16 @@ bool TCTask::t_OnEvent(const TSEvent* event) {
         return false;
     }
     switch (event->type) {
-    case EVENT_EXIT:
-        return OnExit(event);
-    case EVENT_USER:
-        return OnUser(event);
-    case EVENT_PING:
-        return OnPing(event);
-    case EVENT_CLEAR_QUEUE:
-        return OnClearQueue(event);
-    default:
-        return false;
+        case EVENT_EXIT:
+            return OnExit(event);
+        case EVENT_USER:
+            return OnUser(event);
+        case EVENT_PING:
+            return OnPing(event);
+        case EVENT_CLEAR_QUEUE:
+            return OnClearQueue(event);
+        default:
+            return false;
     }
 }
 

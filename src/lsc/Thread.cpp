@@ -47,17 +47,17 @@ int KernelThreadId() {
 
 bool NiceValueFor(int priority, int* nice) {
     switch (priority) {
-    case 0:
-        *nice = -10;
-        return true;
-    case 1:
-        *nice = 0;
-        return true;
-    case 2:
-        *nice = 10;
-        return true;
-    default:
-        return false;
+        case 0:
+            *nice = -10;
+            return true;
+        case 1:
+            *nice = 0;
+            return true;
+        case 2:
+            *nice = 10;
+            return true;
+        default:
+            return false;
     }
 }
 

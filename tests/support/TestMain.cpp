@@ -10,7 +10,8 @@ extern "C" const char* __ubsan_default_options() {
     return "print_stacktrace=1:halt_on_error=1";
 }
 extern "C" const char* __tsan_default_options() {
-    return "handle_segv=0:halt_on_error=1:second_deadlock_stack=1:suppressions=" CIMCORE_TSAN_SUPPRESSIONS;
+    return "handle_segv=0:halt_on_error=1:second_deadlock_stack=1:"
+           "suppressions=" CIMCORE_TSAN_SUPPRESSIONS;
 }
 
 int main(int argc, char** argv) {

@@ -15,9 +15,9 @@ TEST(CimDemo, RunsEverySectionAndLogsOnlyWellFormedLines) {
     cimtest::TempDir dir;
     const std::string logPath = dir.File("demo.log");
     const std::string outPath = dir.File("demo.out");
-    const std::string command = "CIM_LOG_OUTPUT=file:" + logPath + " " CIM_DEMO_PATH
-                                " --log-config " + dir.File("config.txt") + " > " + outPath +
-                                " 2>&1";
+    const std::string command = "CIM_LOG_OUTPUT=file:" + logPath +
+                                " " CIM_DEMO_PATH " --log-config " + dir.File("config.txt") +
+                                " > " + outPath + " 2>&1";
     const int status = std::system(command.c_str());
     const std::string output = cimtest::ReadFile(outPath);
     ASSERT_TRUE(WIFEXITED(status)) << output;
@@ -26,8 +26,7 @@ TEST(CimDemo, RunsEverySectionAndLogsOnlyWellFormedLines) {
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
     EXPECT_NE(output.find(logPath), std::string::npos) << output;
 
-    const std::regex line(
-        R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
+    const std::regex line(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
     const std::string log = cimtest::ReadFile(logPath);
     size_t lines = 0;
     size_t start = 0;

@@ -104,10 +104,13 @@ bool LaunchViewer(Context& context) {
     WriteAll(dataHome + "/applications/cim-demo-viewer.desktop",
              "[Desktop Entry]\nType=Application\nName=CI demo viewer\nExec=" + program +
                  " --from-demo %U\n");
-    WriteAll(program, "#!/bin/sh\n"
-                      "{ echo \"arguments: $*\"; env | grep '^CIM_APP' | sort; } > \"" +
-                          received + ".tmp\"\n"
-                      "mv \"" + received + ".tmp\" \"" + received + "\"\n");
+    WriteAll(program,
+             "#!/bin/sh\n"
+             "{ echo \"arguments: $*\"; env | grep '^CIM_APP' | sort; } > \"" +
+                 received +
+                 ".tmp\"\n"
+                 "mv \"" +
+                 received + ".tmp\" \"" + received + "\"\n");
     ::chmod(program.c_str(), 0755);
 
     const char* previous = std::getenv("XDG_DATA_HOME");

@@ -77,8 +77,8 @@ void PrintTable() {
             continue;
         }
         ++shown;
-        Say("  [%d] thread \"%s\" (tid %d) waits for task \"%s\" (thread %#lx) since %lu ticks",
-            i, entry.szCallerName, entry.iCallerTid, entry.szReceiverName, entry.ulReceiverId,
+        Say("  [%d] thread \"%s\" (tid %d) waits for task \"%s\" (thread %#lx) since %lu ticks", i,
+            entry.szCallerName, entry.iCallerTid, entry.szReceiverName, entry.ulReceiverId,
             CIM::TickDiff(now, entry.ulTick));
     }
     if (shown == 0) {

@@ -73,8 +73,8 @@ bool RunModern(Context& context) {
     ok = ok && name == "demo-cim-task";
 
     DemoObserver onceObserver;
-    auto once = CIM::TCCIMAlarm::CreateAlarm(&onceObserver, task, [&] { onceObserver.Record(); },
-                                             CIM::ALARM_COUNT_ONCE, "demo-once");
+    auto once = CIM::TCCIMAlarm::CreateAlarm(
+        &onceObserver, task, [&] { onceObserver.Record(); }, CIM::ALARM_COUNT_ONCE, "demo-once");
     Clock::time_point start = Clock::now();
     once->SetTimer(100);
     if (onceObserver.WaitFor(1, std::chrono::milliseconds(2000))) {

@@ -63,10 +63,11 @@ void ShowLog(const Context& context, size_t mark, const std::string& filter) {
 namespace {
 
 void Usage() {
-    std::puts("usage: cim-demo [--log-config PATH]\n"
-              "Runs every part of cimcore once and prints what happened.\n"
-              "The library's log goes where CIM_LOG_OUTPUT says; by default to a file\n"
-              "whose name is printed at the end.");
+    std::puts(
+        "usage: cim-demo [--log-config PATH]\n"
+        "Runs every part of cimcore once and prints what happened.\n"
+        "The library's log goes where CIM_LOG_OUTPUT says; by default to a file\n"
+        "whose name is printed at the end.");
 }
 
 }  // namespace
@@ -120,9 +121,8 @@ int main(int argc, char** argv) {
         const auto start = std::chrono::steady_clock::now();
         const bool ok = section.function(context);
         const auto end = std::chrono::steady_clock::now();
-        results.push_back(
-            Result{section.title, ok,
-                   std::chrono::duration<double, std::milli>(end - start).count()});
+        results.push_back(Result{section.title, ok,
+                                 std::chrono::duration<double, std::milli>(end - start).count()});
     }
 
     int width = 7;

@@ -145,8 +145,7 @@ int main(int argc, char** argv) {
     for (const auto& entry : after) {
         const CIM::ECIMLogLevel old = before.at(entry.first);
         if (old != entry.second) {
-            std::printf("%-15s %s -> %s\n", entry.first.c_str(),
-                        CIM::LogLevelToString(old).c_str(),
+            std::printf("%-15s %s -> %s\n", entry.first.c_str(), CIM::LogLevelToString(old).c_str(),
                         CIM::LogLevelToString(entry.second).c_str());
             changed = true;
         }

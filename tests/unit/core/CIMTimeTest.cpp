@@ -78,7 +78,9 @@ TEST_F(CIMTime, BadFieldsThrowTheDateLibraryErrorsInCheckOrder) {
               "Year is out of valid range: 1400..9999");
     EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(MakeTm(2023, 2, 29)); }),
               "Day of month is not valid for year");
-    EXPECT_EQ(ExceptionText([] { CIM::TSCIMTime(CIM::TSDateTimeComponents{1399, 6, 1, 0, 0, 0}); }),
+    EXPECT_EQ(ExceptionText([] {
+                  CIM::TSCIMTime(CIM::TSDateTimeComponents{1399, 6, 1, 0, 0, 0});
+              }),
               "Year is out of valid range: 1400..9999");
 
     CIM::TSCIMTime special;
@@ -118,7 +120,8 @@ TEST_F(CIMTime, TickCountsWholeClockStepsAndWrapSafeDifferences) {
     const unsigned long diff = CIM::TickDiff(second, first);
     EXPECT_EQ(diff % step, 0u);
     EXPECT_GE(diff, 60 - step);
-    EXPECT_LE(diff, static_cast<unsigned long>(cimtest::Scaled(std::chrono::milliseconds(1000)).count()));
+    EXPECT_LE(diff,
+              static_cast<unsigned long>(cimtest::Scaled(std::chrono::milliseconds(1000)).count()));
 
     EXPECT_EQ(CIM::TickDiff(5, 0xFFFFFFFBul), 10u);
     EXPECT_EQ(CIM::TickDiff(20, 10), 10u);
@@ -126,9 +129,7 @@ TEST_F(CIMTime, TickCountsWholeClockStepsAndWrapSafeDifferences) {
 
 TEST_F(CIMTime, ScopeTimerLogsOnlyPastItsThreshold) {
     cimtest::LogCapture log;
-    {
-        CIM::TCAutoTimeoutDebug timer("quick", 1000);
-    }
+    { CIM::TCAutoTimeoutDebug timer("quick", 1000); }
     EXPECT_TRUE(log.Lines().empty());
 
     {

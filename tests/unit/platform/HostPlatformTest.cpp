@@ -21,15 +21,15 @@
 
 namespace {
 
-const std::regex kLine(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d ([VDIWEF?])/([^(]+)\((\d+):(\d+)\): (.*)$)");
+const std::regex kLine(
+    R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d ([VDIWEF?])/([^(]+)\((\d+):(\d+)\): (.*)$)");
 
 TEST(HostLog, WritesOneFormattedLinePerCallWithPriorityLetterAndIds) {
     cimtest::LogCapture log;
     const int priorities[] = {DLOG_VERBOSE, DLOG_DEBUG, DLOG_INFO, DLOG_WARN,
                               DLOG_ERROR,   DLOG_FATAL, 0,         42};
     for (int priority : priorities) {
-        EXPECT_GT(__dlog_print(LOG_ID_MAIN, priority, "T_TAG", "value %d of %s", priority, "x"),
-                  0);
+        EXPECT_GT(__dlog_print(LOG_ID_MAIN, priority, "T_TAG", "value %d of %s", priority, "x"), 0);
     }
     // One trailing line feed is dropped, an inner one stays.
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "ends with line feed\n");
