@@ -119,6 +119,8 @@ public:
     bool FlagCreate() const { return TCMutex::FlagCreate(); }
 
 private:
+    // Moves the head event out. Requires the mutex held and an event queued.
+    void m_PopHead(TSEvent* event);
     bool m_Take(TSEvent* event, const TCHandler* receiver, bool byType, unsigned long type);
     bool m_Count(const TCHandler* receiver, bool byType, unsigned long type, unsigned int* count);
     bool m_Delete(const TCHandler* receiver, bool byType, unsigned long type, unsigned int most,

@@ -109,9 +109,7 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long timeout, bool skipSync) {
             Unlock();
             return false;
         }
-        *event = m_slots[m_head];
-        m_head = NextSlot(m_head);
-        --m_count;
+        m_PopHead(event);
         Unlock();
         return true;
     }
@@ -130,15 +128,19 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync) {
         Unlock();
         return false;
     }
-    *event = m_slots[m_head];
-    m_head = NextSlot(m_head);
-    --m_count;
+    m_PopHead(event);
     Unlock();
     return true;
 }
 
 bool TCQueue::GetQData(TSEvent* event) {
     return GetSyncQData(event, true);
+}
+
+void TCQueue::m_PopHead(TSEvent* event) {
+    *event = m_slots[m_head];
+    m_head = NextSlot(m_head);
+    --m_count;
 }
 
 namespace {
