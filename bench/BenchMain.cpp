@@ -91,7 +91,7 @@ int main(int argc, char** argv) {
         if (entry.reference && reference == 0) {
             reference = entry.nsPerOp;
         }
-        std::printf("  %-46s %12.1f ns/op", entry.name.c_str(), entry.nsPerOp);
+        std::printf("  %-54s %10.1f ns/op", entry.name.c_str(), entry.nsPerOp);
         if (reference > 0) {
             std::printf("  %6.2fx", entry.nsPerOp / reference);
         }

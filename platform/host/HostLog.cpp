@@ -9,6 +9,7 @@
 
 #include "HostTags.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -81,14 +83,16 @@ bool WriteAll(int fd, const char* data, size_t size) {
 }
 
 // The log file stays open while CIM_LOG_OUTPUT names the same path, and is
-// reopened when it was removed or renamed away (a rotated log).
+// reopened when it was removed or renamed away (a rotated log); that is
+// checked once a second, not at every line.
 class LogFile {
 public:
-    bool Append(const char* path, const std::string& line) {
+    bool Append(const char* path, const std::string& line, time_t now) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_fd < 0 || m_path != path || IsUnlinked()) {
+        if (m_fd < 0 || m_path != path || (now != m_checked && IsUnlinked())) {
             Reopen(path);
         }
+        m_checked = now;
         return m_fd >= 0 && WriteAll(m_fd, line.data(), line.size());
     }
 
@@ -111,8 +115,9 @@ private:
     }
 
     std::mutex m_mutex;
-    std::string m_path;  // guarded by m_mutex
-    int m_fd = -1;       // guarded by m_mutex
+    std::string m_path;    // guarded by m_mutex
+    int m_fd = -1;         // guarded by m_mutex
+    time_t m_checked = 0;  // guarded by m_mutex
 };
 
 LogFile& TheLogFile() {
@@ -138,16 +143,45 @@ std::string FormatMessage(const char* fmt, va_list args) {
     return text;
 }
 
-std::string LinePrefix(int prio, const char* tag) {
-    struct timeval now;
-    ::gettimeofday(&now, nullptr);
+// The process and thread ids cost a system call each; they are kept, and
+// forgotten in the child of a fork, where both change.
+std::atomic<unsigned> gForkGeneration(1);
+std::atomic<long> gPid(0);
+
+void ForgetIdsAfterFork() {
+    gPid.store(0);
+    gForkGeneration.fetch_add(1);
+}
+
+long ProcessId() {
+    static const int registered = ::pthread_atfork(nullptr, nullptr, ForgetIdsAfterFork);
+    (void)registered;
+    long pid = gPid.load();
+    if (pid == 0) {
+        pid = long(::getpid());
+        gPid.store(pid);
+    }
+    return pid;
+}
+
+long ThreadId() {
+    thread_local unsigned generation = 0;
+    thread_local long tid = 0;
+    if (generation != gForkGeneration.load()) {
+        tid = long(::syscall(SYS_gettid));
+        generation = gForkGeneration.load();
+    }
+    return tid;
+}
+
+std::string LinePrefix(int prio, const char* tag, const struct timeval& now) {
     struct tm local;
     ::localtime_r(&now.tv_sec, &local);
     char prefix[128];
-    std::snprintf(
-        prefix, sizeof prefix, "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ", local.tm_mon + 1,
-        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, long(now.tv_usec / 1000),
-        PriorityLetter(prio), tag, long(::getpid()), long(::syscall(SYS_gettid)));
+    std::snprintf(prefix, sizeof prefix,
+                  "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ", local.tm_mon + 1,
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  long(now.tv_usec / 1000), PriorityLetter(prio), tag, ProcessId(), ThreadId());
     return prefix;
 }
 
@@ -179,12 +213,14 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
         return int(message.size());
     }
 
-    std::string line = LinePrefix(prio, tag);
+    struct timeval now;
+    ::gettimeofday(&now, nullptr);
+    std::string line = LinePrefix(prio, tag, now);
     line += message;
     line += '\n';
 
     const bool written = (output != nullptr && std::strncmp(output, "file:", 5) == 0)
-                             ? TheLogFile().Append(output + 5, line)
+                             ? TheLogFile().Append(output + 5, line, now.tv_sec)
                              : WriteAll(STDERR_FILENO, line.data(), line.size());
     return written ? int(line.size()) : -1;
 }

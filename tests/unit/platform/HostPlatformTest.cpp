@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -52,6 +53,22 @@ TEST(HostLog, WritesOneFormattedLinePerCallWithPriorityLetterAndIds) {
     struct stat info;
     ASSERT_EQ(::stat(log.Path().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0644u);
+
+    // A forked child's lines carry its own ids, not the parent's.
+    log.Clear();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "from the child");
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    ::waitpid(child, nullptr, 0);
+    std::smatch match;
+    const std::vector<std::string> childLines = log.Lines();
+    ASSERT_EQ(childLines.size(), 1u);
+    ASSERT_TRUE(std::regex_match(childLines[0], match, kLine)) << childLines[0];
+    EXPECT_EQ(std::stol(match[3].str()), long(child));
+    EXPECT_EQ(std::stol(match[4].str()), long(child));
 }
 
 TEST(HostLog, ConcurrentLinesNeverInterleave) {
