@@ -8,7 +8,7 @@ packages=(g++ cmake ninja-build pkg-config
 case "${1:-build}" in
   build) ;;
   test)  packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev iproute2) ;;
-  bench) packages+=(libbenchmark-dev libace-dev libpoco-dev) ;;
+  bench) packages+=(libace-dev libpoco-dev) ;;
   *) echo "usage: $0 [build|test|bench]" >&2; exit 2 ;;
 esac
 
