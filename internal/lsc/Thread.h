@@ -50,6 +50,10 @@ public:
 
 private:
     struct Block;
+    // Locks TimeMutex and returns the block. When the semaphore is not
+    // created, unlocks, reports it for `function` and returns null.
+    Block* m_LockBlock(const char* function);
+
     std::atomic<Block*> m_block;  // written under TimeMutex
 };
 

@@ -93,12 +93,19 @@ bool TCSemaphore::Create(int count) {
     return block != nullptr;
 }
 
-void TCSemaphore::Destroy() {
+TCSemaphore::Block* TCSemaphore::m_LockBlock(const char* function) {
     pthread_mutex_lock(&TimeMutex);
     Block* block = m_block.load();
     if (block == nullptr) {
         pthread_mutex_unlock(&TimeMutex);
-        CIM_LSC_EXPECT(false, "FlagCreate() == true");
+        CIM::Log::AssertFailed("FlagCreate() == true", __FILE__, __LINE__, function);
+    }
+    return block;
+}
+
+void TCSemaphore::Destroy() {
+    Block* block = m_LockBlock(__func__);
+    if (block == nullptr) {
         return;
     }
     m_block.store(nullptr);
@@ -112,11 +119,8 @@ void TCSemaphore::Destroy() {
 }
 
 void TCSemaphore::Take() {
-    pthread_mutex_lock(&TimeMutex);
-    Block* block = m_block.load();
+    Block* block = m_LockBlock(__func__);
     if (block == nullptr) {
-        pthread_mutex_unlock(&TimeMutex);
-        CIM_LSC_EXPECT(false, "FlagCreate() == true");
         return;
     }
     while (block->count <= 0) {
@@ -139,11 +143,8 @@ bool TCSemaphore::Try(unsigned long timeout) {
     const long wholeSeconds = static_cast<long>(timeout / 1000);
     const long remainderUs = static_cast<long>(timeout % 1000 * 1000);
 
-    pthread_mutex_lock(&TimeMutex);
-    Block* block = m_block.load();
+    Block* block = m_LockBlock(__func__);
     if (block == nullptr) {
-        pthread_mutex_unlock(&TimeMutex);
-        CIM_LSC_EXPECT(false, "FlagCreate() == true");
         return false;
     }
     for (;;) {
@@ -191,11 +192,8 @@ bool TCSemaphore::Poll() {
 }
 
 void TCSemaphore::Give() {
-    pthread_mutex_lock(&TimeMutex);
-    Block* block = m_block.load();
+    Block* block = m_LockBlock(__func__);
     if (block == nullptr) {
-        pthread_mutex_unlock(&TimeMutex);
-        CIM_LSC_EXPECT(false, "FlagCreate() == true");
         return;
     }
     ++block->count;
