@@ -27,27 +27,42 @@ namespace {
 constexpr const char* kGroup = "hand-off round trip between two threads";
 constexpr long kIterations = 50000;
 
+// Runs `echo` n times on another thread and times `call` n times here: one
+// call hands a message over and waits for the echo.
+template <class Echo, class Call>
+double PingPong(long n, Echo echo, Call call) {
+    std::thread other([&] {
+        for (long i = 0; i < n; ++i) {
+            echo();
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    for (long i = 0; i < n; ++i) {
+        call();
+    }
+    const double seconds = SecondsSince(start);
+    other.join();
+    return seconds;
+}
+
 double LegacyQueue(long n) {
     TCQueue forth;
     TCQueue back;
     forth.Create();
     back.Create();
-    std::thread echo([&] {
-        TSEvent event;
-        for (long i = 0; i < n; ++i) {
-            forth.Get(&event, 0UL);
-            back.Put(&event, false);
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
+    TSEvent echoed;
     TSEvent event;
-    for (long i = 0; i < n; ++i) {
-        event.word4 = uintptr_t(i);
-        forth.Put(&event, false);
-        back.Get(&event, 0UL);
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
+    const double seconds = PingPong(
+        n,
+        [&] {
+            forth.Get(&echoed, 0UL);
+            back.Put(&echoed, false);
+        },
+        [&] {
+            ++event.word4;
+            forth.Put(&event, false);
+            back.Get(&event, 0UL);
+        });
     forth.Destroy();
     back.Destroy();
     return seconds;
@@ -58,19 +73,16 @@ double LegacySemaphore(long n) {
     TCSemaphore back;
     forth.Create(0);
     back.Create(0);
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
+    const double seconds = PingPong(
+        n,
+        [&] {
             forth.Try(0);
             back.Give();
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        forth.Give();
-        back.Try(0);
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
+        },
+        [&] {
+            forth.Give();
+            back.Try(0);
+        });
     forth.Destroy();
     back.Destroy();
     return seconds;
@@ -79,20 +91,16 @@ double LegacySemaphore(long n) {
 double ModernSemaphore(long n) {
     CIM::TCCIMSemaphore forth(0);
     CIM::TCCIMSemaphore back(0);
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
+    return PingPong(
+        n,
+        [&] {
             forth.Take();
             back.Give();
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        forth.Give();
-        back.Take();
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
-    return seconds;
+        },
+        [&] {
+            forth.Give();
+            back.Take();
+        });
 }
 
 // What a user would write by hand: a deque under a mutex and a condition.
@@ -122,39 +130,29 @@ private:
 double PlainMutexQueue(long n) {
     PlainQueue forth;
     PlainQueue back;
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
-            back.Put(forth.Get());
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        forth.Put(i);
-        back.Get();
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
-    return seconds;
+    return PingPong(
+        n, [&] { back.Put(forth.Get()); },
+        [&] {
+            forth.Put(1);
+            back.Get();
+        });
 }
 
 double AceMessageQueue(long n) {
     ACE_Message_Queue<ACE_MT_SYNCH> forth;
     ACE_Message_Queue<ACE_MT_SYNCH> back;
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
-            ACE_Message_Block* block = nullptr;
-            forth.dequeue_head(block);
-            back.enqueue_tail(block);
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
     ACE_Message_Block* block = new ACE_Message_Block(16);
-    for (long i = 0; i < n; ++i) {
-        forth.enqueue_tail(block);
-        back.dequeue_head(block);
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
+    const double seconds = PingPong(
+        n,
+        [&] {
+            ACE_Message_Block* echoed = nullptr;
+            forth.dequeue_head(echoed);
+            back.enqueue_tail(echoed);
+        },
+        [&] {
+            forth.enqueue_tail(block);
+            back.dequeue_head(block);
+        });
     block->release();
     return seconds;
 }
@@ -162,20 +160,13 @@ double AceMessageQueue(long n) {
 double PocoNotificationQueue(long n) {
     Poco::NotificationQueue forth;
     Poco::NotificationQueue back;
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
-            back.enqueueNotification(forth.waitDequeueNotification());
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
     Poco::Notification::Ptr note(new Poco::Notification);
-    for (long i = 0; i < n; ++i) {
-        forth.enqueueNotification(note);
-        note = back.waitDequeueNotification();
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
-    return seconds;
+    return PingPong(
+        n, [&] { back.enqueueNotification(forth.waitDequeueNotification()); },
+        [&] {
+            forth.enqueueNotification(note);
+            note = back.waitDequeueNotification();
+        });
 }
 
 // The machine's limit: two threads taking turns on one futex word.
@@ -185,26 +176,22 @@ long Futex(std::atomic<int>* word, int op, int value) {
 
 double FutexPingPong(long n) {
     std::atomic<int> turn(0);
-    std::thread echo([&] {
-        for (long i = 0; i < n; ++i) {
+    return PingPong(
+        n,
+        [&] {
             while (turn.load() != 1) {
                 Futex(&turn, FUTEX_WAIT_PRIVATE, 0);
             }
             turn.store(0);
             Futex(&turn, FUTEX_WAKE_PRIVATE, 1);
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        turn.store(1);
-        Futex(&turn, FUTEX_WAKE_PRIVATE, 1);
-        while (turn.load() != 0) {
-            Futex(&turn, FUTEX_WAIT_PRIVATE, 1);
-        }
-    }
-    const double seconds = SecondsSince(start);
-    echo.join();
-    return seconds;
+        },
+        [&] {
+            turn.store(1);
+            Futex(&turn, FUTEX_WAKE_PRIVATE, 1);
+            while (turn.load() != 0) {
+                Futex(&turn, FUTEX_WAIT_PRIVATE, 1);
+            }
+        });
 }
 
 const Registrar kLegacyQueue(kGroup, "cimcore TCQueue (legacy event queue)", true, kIterations,
