@@ -4,6 +4,7 @@
 #ifndef CIMCORE_INTERNAL_CIMIPCONNECTION_H
 #define CIMCORE_INTERNAL_CIMIPCONNECTION_H
 
+#include <cimcore/Export.h>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -60,7 +61,7 @@ namespace CIM {
 // from a thread other than the task's while the task still runs; in the
 // latter case the destructor waits until the loop has let go of it.
 template <typename Protocol>
-class TCCIMIpConnection : public TICIMIpConnection, private TICIMAlarmObserverSafe {
+class CIM_EXPORT TCCIMIpConnection : public TICIMIpConnection, private TICIMAlarmObserverSafe {
 public:
     explicit TCCIMIpConnection(boost::shared_ptr<TCCIMTask> task);
     ~TCCIMIpConnection() override;

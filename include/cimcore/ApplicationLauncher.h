@@ -2,6 +2,7 @@
 #ifndef CIMCORE_APPLICATIONLAUNCHER_H
 #define CIMCORE_APPLICATIONLAUNCHER_H
 
+#include <cimcore/Export.h>
 // The platform's application-control handle, declared as the platform does.
 typedef struct app_control_s* app_control_h;
 
@@ -13,7 +14,7 @@ namespace CIM {
 // platform accepted the request; it does not wait for the application.
 //
 // Not thread-safe: one thread at a time per launcher. Nothing throws.
-class ApplicationLauncher {
+class CIM_EXPORT ApplicationLauncher {
 public:
     ApplicationLauncher();
     virtual ~ApplicationLauncher();

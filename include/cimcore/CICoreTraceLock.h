@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CICORETRACELOCK_H
 #define CIMCORE_CICORETRACELOCK_H
 
+#include <cimcore/Export.h>
 #include <mutex>
 #include <string>
 
@@ -11,7 +12,7 @@ namespace CIM {
 // logs an "AUTOLOCK ERROR" line when the owner waited more than 50 ms for the
 // lock or held it (waiting included) more than 300 ms, counted in
 // TCCIMTime::Tick() units. Used by one thread on its stack.
-class TCCICoreTraceLock {
+class CIM_EXPORT TCCICoreTraceLock {
 public:
     TCCICoreTraceLock(std::recursive_mutex& mutex, int line, const char* file,
                       const char* function);

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMALARM_H
 #define CIMCORE_CIMALARM_H
 
+#include <cimcore/Export.h>
 #include <chrono>
 #include <cstdint>
 #include <future>
@@ -35,7 +36,7 @@ enum EAlarmType : int32_t {
 // The alarm keeps a raw pointer to its observer and cannot learn that it is
 // gone: an observer stops its alarm and waits for the stop (TCCIMAlarm::Join)
 // before it is destroyed.
-class TICIMAlarmObserver {
+class CIM_EXPORT TICIMAlarmObserver {
 public:
     virtual ~TICIMAlarmObserver();
     virtual void OnTimer(boost::shared_ptr<TCCIMAlarm> alarm) = 0;
@@ -46,7 +47,7 @@ public:
 // same lock cannot overlap the forwarding. The lock is held only while the
 // run request is posted, not while the callback runs. Implementers provide
 // the two hooks and do not override OnTimer.
-class TICIMAlarmObserverSafe : public TICIMAlarmObserver {
+class CIM_EXPORT TICIMAlarmObserverSafe : public TICIMAlarmObserver {
 public:
     void OnTimer(boost::shared_ptr<TCCIMAlarm> alarm) override;
 
@@ -88,7 +89,7 @@ protected:
 // Stop an alarm (StopTimer, then Join) before dropping its last reference and
 // before joining its task; destroying an active alarm is reported as the
 // assertion "m_active == false".
-class TCCIMAlarm : public boost::enable_shared_from_this<TCCIMAlarm> {
+class CIM_EXPORT TCCIMAlarm : public boost::enable_shared_from_this<TCCIMAlarm> {
 public:
     using Timer =
         boost::asio::basic_waitable_timer<std::chrono::steady_clock,

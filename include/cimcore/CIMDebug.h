@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMDEBUG_H
 #define CIMCORE_CIMDEBUG_H
 
+#include <cimcore/Export.h>
 namespace CIM {
 
 // Reports a broken contract: logs the expression twice and the demangled call
@@ -13,12 +14,12 @@ namespace CIM {
 // It is deliberately not declared noreturn: every site is written to go on if
 // it ever returns, which it does only while a test hook is installed (see
 // <cimcore/testing.h>). Any thread may call it; it takes no lock.
-void _TCCIMAssert(const char* expression, const char* file, unsigned long line);
+CIM_EXPORT void _TCCIMAssert(const char* expression, const char* file, unsigned long line);
 
 // Writes `format` with its arguments to standard error first (no line end
 // added), then makes the report above.
-void _TCCIMAssert(const char* expression, const char* file, unsigned long line, const char* format,
-                  ...) __attribute__((format(printf, 4, 5)));
+CIM_EXPORT void _TCCIMAssert(const char* expression, const char* file, unsigned long line,
+                             const char* format, ...) __attribute__((format(printf, 4, 5)));
 
 }  // namespace CIM
 

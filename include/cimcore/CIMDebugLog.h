@@ -3,6 +3,7 @@
 #ifndef CIMCORE_CIMDEBUGLOG_H
 #define CIMCORE_CIMDEBUGLOG_H
 
+#include <cimcore/Export.h>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -13,10 +14,10 @@ namespace CIM {
 enum class ECIMLogLevel : std::uint8_t { LOG_LVL_OFF = 0, LOG_LVL_ON = 1, LOG_LVL_INVALID = 255 };
 
 // "OFF", "ON", and "NULL" for any other value.
-std::string LogLevelToString(ECIMLogLevel level);
+CIM_EXPORT std::string LogLevelToString(ECIMLogLevel level);
 
 // The nine tags of the stack, built fresh on each call, in the stack's order.
-std::list<std::string> GetSupportedCILogTags();
+CIM_EXPORT std::list<std::string> GetSupportedCILogTags();
 
 // Keeps one level per tag in `m_debugLevels` (walked in the map's byte order
 // of names) and the set of enabled tags in the file `m_filePath`.
@@ -28,7 +29,7 @@ std::list<std::string> GetSupportedCILogTags();
 //
 // Not thread-safe: calls on one object must be serialised by its users. The
 // operations that are declared noexcept end the process on an exception.
-class TCCIMDebugLog {
+class CIM_EXPORT TCCIMDebugLog {
 public:
     // The supported tags and the device's configuration file.
     TCCIMDebugLog() noexcept;

@@ -3,6 +3,7 @@
 #ifndef CIMCORE_CIMIPCONNECTION_H
 #define CIMCORE_CIMIPCONNECTION_H
 
+#include <cimcore/Export.h>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -27,7 +28,7 @@ using TCIMIpDataCallback = boost::function<void(const boost::system::error_code&
 // The calls come from the owner's thread. Completion callbacks run on the
 // loop of the task the connection was built on, except that SendData and
 // ReadData on an unconnected object call back at once, with error 103.
-class TICIMIpConnection {
+class CIM_EXPORT TICIMIpConnection {
 public:
     virtual ~TICIMIpConnection() = default;
 

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMIPCONNECTIONTCP_H
 #define CIMCORE_CIMIPCONNECTIONTCP_H
 
+#include <cimcore/Export.h>
 #include <boost/asio/ip/tcp.hpp>
 
 #include <cimcore/internal/CIMIpConnection.h>
@@ -13,7 +14,7 @@ extern template class TCCIMIpConnection<boost::asio::ip::tcp>;
 // A TCCIMIpConnection over TCP; every operation is the template's. A send
 // that the stack accepts only in part is not repeated: the callback's byte
 // count tells the caller what is left. ConnectMulticast returns false.
-class TCCIMIpConnectionTcp : public TCCIMIpConnection<boost::asio::ip::tcp> {
+class CIM_EXPORT TCCIMIpConnectionTcp : public TCCIMIpConnection<boost::asio::ip::tcp> {
 public:
     explicit TCCIMIpConnectionTcp(boost::shared_ptr<TCCIMTask> task);
     // Shuts the socket down and closes it before the template's destructor

@@ -3,6 +3,7 @@
 #ifndef CIMCORE_CIMIPCONNECTIONTYPES_H
 #define CIMCORE_CIMIPCONNECTIONTYPES_H
 
+#include <cimcore/Export.h>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -48,15 +49,15 @@ struct MultiCastDescriptor {
 
 // "HOSTNAME", "IPv4", "IPv6", "DESTINATION_BY_ILLEGAL"; any other value logs
 // "Out of scope(<value>)" and gives an empty text.
-std::string ToString(const EDestinationType& type);
+CIM_EXPORT std::string ToString(const EDestinationType& type);
 // "TCP", "UDP", "PROTOCOL_TYPE_ILLEGAL"; others as above.
-std::string ToString(const EProtocolType& protocol);
+CIM_EXPORT std::string ToString(const EProtocolType& protocol);
 // "UniCast [IPv4]TCP 10.0.0.5 : 8080(10.0.0.2:4000)". The missing blank
 // after "]" is part of the format that log readers know.
-std::string ToString(const UniCastDescriptor& descriptor);
+CIM_EXPORT std::string ToString(const UniCastDescriptor& descriptor);
 // "MultiCast UDP 232.1.1.1 : 5000 join [ 10.0.0.1 10.0.0.2 ]", or
 // "except [ ... ]" when `join` is false.
-std::string ToString(const MultiCastDescriptor& descriptor);
+CIM_EXPORT std::string ToString(const MultiCastDescriptor& descriptor);
 
 }  // namespace CIM
 

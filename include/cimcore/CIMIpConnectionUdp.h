@@ -3,6 +3,7 @@
 #ifndef CIMCORE_CIMIPCONNECTIONUDP_H
 #define CIMCORE_CIMIPCONNECTIONUDP_H
 
+#include <cimcore/Export.h>
 #include <string>
 
 #include <boost/asio/ip/udp.hpp>
@@ -27,7 +28,7 @@ extern template class TCCIMIpConnection<boost::asio::ip::udp>;
 // ConnectMulticast and Disconnect throw boost::system::system_error ("open",
 // "set_option", "bind") instead of returning false; a throwing Disconnect in
 // the destructor ends the process.
-class TCCIMIpConnectionUdp : public TCCIMIpConnection<boost::asio::ip::udp> {
+class CIM_EXPORT TCCIMIpConnectionUdp : public TCCIMIpConnection<boost::asio::ip::udp> {
 public:
     explicit TCCIMIpConnectionUdp(boost::shared_ptr<TCCIMTask> task);
     ~TCCIMIpConnectionUdp() override;

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMSEMAPHORE_H
 #define CIMCORE_CIMSEMAPHORE_H
 
+#include <cimcore/Export.h>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -13,7 +14,7 @@ namespace CIM {
 // before a Take() returns. Any thread may call any operation. Each Give()
 // wakes at most one waiter. Destroying a semaphore that threads still wait on
 // is a usage error: waiters are not woken.
-class TCCIMSemaphore {
+class CIM_EXPORT TCCIMSemaphore {
 public:
     explicit TCCIMSemaphore(int initialCount);
     ~TCCIMSemaphore();

@@ -2,13 +2,14 @@
 #ifndef CIMCORE_CIMTHREADDEBUG_H
 #define CIMCORE_CIMTHREADDEBUG_H
 
+#include <cimcore/Export.h>
 #include <pthread.h>
 
 #include <string>
 
 namespace CIM {
 
-class TCCIMThreadDebug {
+class CIM_EXPORT TCCIMThreadDebug {
 public:
     // Names the calling thread as the kernel shows it (the kernel keeps the
     // first 15 characters). Refused, with one error-level log line, on the

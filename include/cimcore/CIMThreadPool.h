@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMTHREADPOOL_H
 #define CIMCORE_CIMTHREADPOOL_H
 
+#include <cimcore/Export.h>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ namespace CIM {
 // Handlers posted to the pool run in parallel on its workers unless they go
 // through a strand. GetThreadIds() reads data fixed by the constructor and
 // may be called from any thread.
-class TCThreadPool {
+class CIM_EXPORT TCThreadPool {
 public:
     // `name` is not used: the workers of a plain pool stay unnamed. With
     // `threadCount` 0 the pool has no worker and nothing posted to it runs
@@ -73,7 +74,7 @@ private:
 // one after the other on its thread. Calls that wait for that thread
 // (TCCIMAlarm::IsActive, TCCIMAlarm::Join, a connection's Connect) must not
 // be made on it. The shut-down order of TCThreadPool applies.
-class TCCIMTask : public TCThreadPool {
+class CIM_EXPORT TCCIMTask : public TCThreadPool {
 public:
     explicit TCCIMTask(const std::string& name);
     ~TCCIMTask() override;

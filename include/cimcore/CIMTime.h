@@ -2,6 +2,7 @@
 #ifndef CIMCORE_CIMTIME_H
 #define CIMCORE_CIMTIME_H
 
+#include <cimcore/Export.h>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -11,16 +12,16 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 // Exported, zero at load. No operation of this library reads or writes it.
-extern int64_t gTimeOffset;
+extern CIM_EXPORT int64_t gTimeOffset;
 
 // The one process-wide mutex under which every legacy semaphore operation
 // runs. Statically zero-initialised (a default mutex).
-extern pthread_mutex_t TimeMutex;
+extern CIM_EXPORT pthread_mutex_t TimeMutex;
 
 namespace CIM {
 
 // A broken-down calendar time as users fill it in. No time zone applies.
-struct TSDateTimeComponents {
+struct CIM_EXPORT TSDateTimeComponents {
     int32_t year;    // full year, 1400 to 9999
     int32_t month;   // 1 to 12
     int32_t day;     // 1 to 31
@@ -36,7 +37,7 @@ struct TSDateTimeComponents {
 // Comparisons work on whole seconds: two values within the same second are
 // equal. Construction from out-of-range fields throws Boost.DateTime's own
 // exceptions (day, then month, then year, then the day's validity).
-struct TSCIMTime {
+struct CIM_EXPORT TSCIMTime {
     TSCIMTime();  // 1970-01-01 00:00:00
     TSCIMTime(const long& secondsSinceEpoch);
     TSCIMTime(const tm& t);
@@ -58,10 +59,10 @@ struct TSCIMTime {
 };
 
 // "[2024-3-5] [7:4:9]": plain decimal numbers, no padding.
-std::string ToString(const TSDateTimeComponents& components);
-std::string ToString(const TSCIMTime& time);
+CIM_EXPORT std::string ToString(const TSDateTimeComponents& components);
+CIM_EXPORT std::string ToString(const TSCIMTime& time);
 
-class TCCIMTime {
+class CIM_EXPORT TCCIMTime {
 public:
     // Blocks the calling thread for at least `milliseconds` on the monotonic
     // clock. An interruption point of Boost.Thread.
@@ -75,7 +76,7 @@ public:
 
 // A scope timer: logs an error line when the scope took longer than
 // `threshold` milliseconds of Tick(). Used on one thread's stack.
-class TCAutoTimeoutDebug {
+class CIM_EXPORT TCAutoTimeoutDebug {
 public:
     TCAutoTimeoutDebug(const std::string& name, const unsigned long& threshold);
     ~TCAutoTimeoutDebug();

@@ -7,6 +7,7 @@
 #ifndef CIMCORE_TESTING_H
 #define CIMCORE_TESTING_H
 
+#include <cimcore/Export.h>
 #include <functional>
 
 namespace CIM {
@@ -17,11 +18,11 @@ using AssertHook =
 
 // Installs `hook` for every thread of the process; an empty function removes
 // it. The hook may run on any thread that reports, concurrently with others.
-void SetAssertHook(AssertHook hook);
+CIM_EXPORT void SetAssertHook(AssertHook hook);
 
 // Installs a hook for the lifetime of the object and restores the previous
 // one afterwards.
-class ScopedAssertHook {
+class CIM_EXPORT ScopedAssertHook {
 public:
     explicit ScopedAssertHook(AssertHook hook);
     ~ScopedAssertHook();

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_ALARM_H
 #define CIMCORE_INTERNAL_LSC_ALARM_H
 
+#include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Task.h>
 #include <cimcore/internal/lsc/Thread.h>
@@ -33,7 +34,7 @@
 // Callbacks are set by the owner before alarm events flow; they and
 // t_OnAlarm run on the task's thread. The task must outlive the alarm, and
 // the alarm must be destroyed before it is deleted.
-class TCAlarm : private TCThread, public TCHandler {
+class CIM_EXPORT TCAlarm : private TCThread, public TCHandler {
 public:
     static constexpr uint32_t kNoEnd = 0xFFFFFFFFu;
     static constexpr uint32_t kMinPeriodMs = 10;
@@ -99,7 +100,7 @@ private:
 
 // An alarm that turns each alarm event into an event of its state type for
 // its task's own handler, sent asynchronously.
-class TCStateAlarm : public TCAlarm {
+class CIM_EXPORT TCStateAlarm : public TCAlarm {
 public:
     TCStateAlarm();
 

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_EVENTNOTIFYTHREAD_H
 #define CIMCORE_INTERNAL_LSC_EVENTNOTIFYTHREAD_H
 
+#include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Thread.h>
 
@@ -17,7 +18,7 @@
 // notify thread. Destroy wakes the thread, which may give the semaphore one
 // last time, and waits until it has ended. The object must be destroyed
 // before it is deleted.
-class TCEventNotifyThread : public TCThread {
+class CIM_EXPORT TCEventNotifyThread : public TCThread {
 public:
     static constexpr unsigned long kStackSize = 8192;
 

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_QUEUE_H
 #define CIMCORE_INTERNAL_LSC_QUEUE_H
 
+#include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Thread.h>
 
 #include <cstdint>
@@ -23,7 +24,7 @@ constexpr unsigned long EVENT_CLEAR_QUEUE = 3;
 // pointer, so that pointers and thread ids fit whole. The two bytes after
 // word7 are never initialised: compare events field by field, never with
 // memcmp.
-struct TSEvent {
+struct CIM_EXPORT TSEvent {
     TSEvent()
         : replySem(nullptr),
           receiver(nullptr),
@@ -68,7 +69,7 @@ static_assert(sizeof(void*) != 4 || sizeof(TSEvent) == 11 * 4,
 // executes the event gives the event's reply semaphore, or until Delete
 // removes the event. Destroy discards queued events without releasing their
 // senders. The owner must Destroy before deleting the queue.
-class TCQueue : public TCMutex {
+class CIM_EXPORT TCQueue : public TCMutex {
 public:
     static constexpr int kSlots = 256;
     static constexpr int kPriorityReserve = 16;

@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_RWLOCK_H
 #define CIMCORE_INTERNAL_LSC_RWLOCK_H
 
+#include <cimcore/Export.h>
 #include <atomic>
 #include <cstdint>
 
@@ -23,7 +24,7 @@
 // has no destructor: it is allocated at the thread's first read lock and is
 // not freed when the thread exits. Only the destroying thread's own count is
 // freed by the destructor. Destroy the lock when no thread holds it.
-class TCRWLock {
+class CIM_EXPORT TCRWLock {
 public:
     TCRWLock();
     virtual ~TCRWLock();

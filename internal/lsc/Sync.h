@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_SYNC_H
 #define CIMCORE_INTERNAL_LSC_SYNC_H
 
+#include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Thread.h>
 
@@ -14,7 +15,7 @@
 //
 // Readers and writers hold *m_pLock. Created by LegacyCoreExport::Init;
 // without it synchronous sends work but are not recorded.
-class TCSyncDet {
+class CIM_EXPORT TCSyncDet {
 public:
     static constexpr int MAX_SYNC_TASKS = 64;
 

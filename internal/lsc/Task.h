@@ -2,6 +2,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_TASK_H
 #define CIMCORE_INTERNAL_LSC_TASK_H
 
+#include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Thread.h>
 
@@ -15,7 +16,7 @@ class TCTask;
 // Created means its mark holds kCreatedMark. Destroy removes the events
 // still queued for it at its task and releases their synchronous senders;
 // the task must outlive its handlers.
-class TCHandler {
+class CIM_EXPORT TCHandler {
 public:
     static constexpr uint32_t kCreatedMark = 19670827;
 
@@ -62,7 +63,7 @@ typedef bool (*TFEventCallback)(const TSEvent* event, const void* context);
 // A synchronous Send blocks until the receiving task has executed the event;
 // to the caller's own task it runs in place instead, and must then have
 // priority. While blocked, the sender is recorded in TCSyncDet's table.
-class TCTask : public TCThread, public TCQueue, public TCHandler {
+class CIM_EXPORT TCTask : public TCThread, public TCQueue, public TCHandler {
 public:
     TCTask();
     ~TCTask() override;
@@ -138,7 +139,7 @@ private:
 
 // The created tasks in order of creation, with a cursor. Callers hold
 // m_mutex around a search and the use of its result.
-class TCTaskList {
+class CIM_EXPORT TCTaskList {
 public:
     static bool FlagInitialize();
     // Cursor on the task, or at the end when it is not listed.
@@ -157,7 +158,7 @@ public:
 };
 
 // Set-up and tear-down of the runtime's global state.
-class LegacyCoreExport {
+class CIM_EXPORT LegacyCoreExport {
 public:
     // Creates the deadlock table and the task-list mutex.
     static bool Init();

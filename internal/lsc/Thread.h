@@ -11,6 +11,7 @@
 #ifndef CIMCORE_INTERNAL_LSC_THREAD_H
 #define CIMCORE_INTERNAL_LSC_THREAD_H
 
+#include <cimcore/Export.h>
 #include <atomic>
 #include <cstdint>
 
@@ -24,7 +25,7 @@
 // Destroy before the object is deleted (the destructor asserts otherwise).
 // Destroy does not wake blocked waiters; they stay blocked, and the storage
 // they wait on is then kept alive rather than freed under them.
-class TCSemaphore {
+class CIM_EXPORT TCSemaphore {
 public:
     constexpr TCSemaphore() : m_block(nullptr) {}
     virtual ~TCSemaphore();
@@ -60,7 +61,7 @@ private:
 // A mutex made from a semaphore of one unit, recursive per POSIX thread.
 // An Unlock by a thread that does not hold it is refused (false). Unlike a
 // semaphore it may be deleted while created.
-class TCMutex {
+class CIM_EXPORT TCMutex {
 public:
     constexpr TCMutex() : m_owner(0), m_recursion(0) {}
     virtual ~TCMutex();
@@ -87,7 +88,7 @@ private:
 // Destroy waits until the body has returned and does not stop it: the
 // derived class must make t_Main return first. A thread may not destroy
 // itself. The object must outlive its thread's body.
-class TCThread {
+class CIM_EXPORT TCThread {
 public:
     TCThread();
     virtual ~TCThread();
@@ -128,7 +129,7 @@ private:
 };
 
 // Operations on the calling thread.
-class TCThreadSelf {
+class CIM_EXPORT TCThreadSelf {
 public:
     // The mapping of TCThread::SetPriority, applied to the calling thread.
     static bool SetPriority(int priority);
@@ -138,7 +139,7 @@ public:
 namespace CIM {
 
 // Holds one unit of a semaphore for its scope.
-class TCAutoSemLock {
+class CIM_EXPORT TCAutoSemLock {
 public:
     explicit TCAutoSemLock(TCSemaphore* semaphore);
     ~TCAutoSemLock();
