@@ -5,46 +5,59 @@ function(cimcore_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
 endfunction()
 
-# cimcore_component(NAME SOURCES <globs...> DEPENDS <components or targets...>)
-# declares the object library cimcore_NAME. A component with no source yet is
-# skipped, so the tree builds while it grows.
-function(cimcore_component name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
-  set(globs)
-  foreach(pattern IN LISTS ARG_SOURCES)
-    list(APPEND globs ${PROJECT_SOURCE_DIR}/${pattern})
-  endforeach()
-  file(GLOB sources CONFIGURE_DEPENDS ${globs})
-  if(NOT sources)
-    return()
+# Stops the configure step unless every listed file exists, naming the first
+# that does not: a moved or misspelt source must not drop code or tests.
+function(cimcore_require_files what)
+  if(NOT ARGN)
+    message(FATAL_ERROR "${what}: no source files listed")
   endif()
+  foreach(file IN LISTS ARGN)
+    if(NOT EXISTS ${file})
+      message(FATAL_ERROR "${what}: source file ${file} does not exist")
+    endif()
+  endforeach()
+endfunction()
+
+# cimcore_component(NAME SOURCES <files...> [DEPENDS <components...>] [LIBS <targets...>])
+# declares the static, position-independent library cimcore_NAME, compiled
+# with hidden visibility and linked whole into the shared library. DEPENDS
+# names other components (declared before), LIBS anything else it links.
+function(cimcore_component name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;LIBS" ${ARGN})
+  list(TRANSFORM ARG_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/)
+  cimcore_require_files("component ${name}" ${ARG_SOURCES})
   set(target cimcore_${name})
-  add_library(${target} OBJECT ${sources})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  set_target_properties(${target} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
   target_include_directories(${target} PUBLIC
     ${PROJECT_SOURCE_DIR}/include ${CIMCORE_INTERNAL_ROOT})
   target_compile_features(${target} PUBLIC cxx_std_17)
   cimcore_warnings(${target})
-  set(closure ${target})
   foreach(dep IN LISTS ARG_DEPENDS)
-    if(TARGET cimcore_${dep})
-      set(dep cimcore_${dep})
+    if(NOT TARGET cimcore_${dep})
+      message(FATAL_ERROR "component ${name}: unknown component '${dep}'")
     endif()
-    target_link_libraries(${target} PUBLIC ${dep})
-    get_property(depClosure GLOBAL PROPERTY CIMCORE_CLOSURE_${dep})
-    if(depClosure)
-      list(APPEND closure ${depClosure})
-    elseif(dep STREQUAL "cimcore_platform" AND TARGET cimcore_platform)
-      list(APPEND closure cimcore_platform)
-    endif()
+    target_link_libraries(${target} PUBLIC cimcore_${dep})
   endforeach()
-  list(REMOVE_DUPLICATES closure)
-  set_property(GLOBAL PROPERTY CIMCORE_CLOSURE_${target} ${closure})
-  set(CIMCORE_COMPONENTS ${CIMCORE_COMPONENTS} ${name} PARENT_SCOPE)
+  target_link_libraries(${target} PUBLIC ${ARG_LIBS})
+  set_property(GLOBAL APPEND PROPERTY CIMCORE_COMPONENTS ${name})
 endfunction()
 
-# The object libraries a program must link to use component NAME (objects of
-# object libraries reach only the targets that list them directly).
-function(cimcore_component_closure name out)
-  get_property(closure GLOBAL PROPERTY CIMCORE_CLOSURE_cimcore_${name})
-  set(${out} ${closure} PARENT_SCOPE)
+# The link items for a list of component names; an unknown name stops the
+# configure step.
+function(cimcore_component_targets out)
+  set(targets)
+  foreach(name IN LISTS ARGN)
+    if(TARGET cimcore_${name})
+      list(APPEND targets cimcore_${name})
+    elseif(TARGET ${name})
+      list(APPEND targets ${name})
+    else()
+      message(FATAL_ERROR "unknown component or target '${name}'")
+    endif()
+  endforeach()
+  set(${out} ${targets} PARENT_SCOPE)
 endfunction()
