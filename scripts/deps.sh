@@ -7,7 +7,7 @@ packages=(g++ cmake ninja-build pkg-config
           libboost-thread-dev libboost-date-time-dev libboost-system-dev libboost-chrono-dev)
 case "${1:-build}" in
   build) ;;
-  test)  packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev iproute2) ;;
+  test)  packages+=(libgtest-dev libgmock-dev clang clang-format libclang-rt-14-dev iproute2) ;;
   bench) packages+=(libace-dev libpoco-dev) ;;
   *) echo "usage: $0 [build|test|bench]" >&2; exit 2 ;;
 esac

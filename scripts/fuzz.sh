@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang in build/fuzz and runs each one
+# Builds the libFuzzer targets (the fuzz preset, clang) and runs each one
 # briefly (CIM_FUZZ_SECONDS, default 30, per target). Fails if a target
 # finds anything: a crash, a sanitizer report, a leak or a time-out.
 set -euo pipefail
@@ -7,10 +7,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build="$root/build/fuzz"
 seconds="${CIM_FUZZ_SECONDS:-30}"
 
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCIMCORE_BUILD_FUZZERS=ON \
-  -DCIMCORE_SANITIZER=address-undefined -DBUILD_TESTING=OFF -DCIMCORE_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$build" --target cimcore_fuzzers -j 2
+cd "$root"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
 
 # Seeds: a delimiter byte, then a configuration text.
 corpus="$build/corpus/CIMDebugLogFuzz"

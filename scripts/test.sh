@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs every test: the debug build,
-# the ASan+UBSan build, the TSan build, a short fuzz run, and a consumer
-# project built against the installed package.
+# Installs what is missing, checks the formatting, then builds and runs every
+# test: the debug build, the ASan+UBSan build, the TSan build, a short fuzz
+# run, and a consumer project built against the installed package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh test
+
+echo "=== format ==="
+git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror
 
 jobs=$(nproc)
 export CTEST_OUTPUT_ON_FAILURE=1
@@ -30,8 +33,20 @@ echo "=== installed package ==="
 prefix=$(mktemp -d /tmp/cimcore-install-XXXXXX)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install build/debug --prefix "$prefix" >/dev/null
+# The API only: no private helper, no platform stand-in header.
+private=$(find "$prefix/include" \( -name CIMLog.h -o -name dlog.h -o -name app_control.h \
+          -o -name debug_menu.h -o -name cim_api.h \) -print)
+if [ -n "$private" ]; then
+  echo "private headers installed: $private" >&2
+  exit 1
+fi
+# Installed tools find the library through their run path alone.
+env -u LD_LIBRARY_PATH "$prefix/bin/cim-logctl" --file "$prefix/logctl.txt" list >/dev/null
 cmake -S examples/consumer -B "$prefix/consumer-build" -G Ninja \
       -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$prefix/consumer-build"
-LD_LIBRARY_PATH="$prefix/lib" CIM_LOG_OUTPUT=none "$prefix/consumer-build/consumer"
 ctest --test-dir "$prefix/consumer-build" --output-on-failure
+# The same consumer through pkg-config alone.
+PKG_CONFIG_PATH="$prefix/lib/pkgconfig" sh -c 'c++ -std=c++17 -o "$1/consumer-pc" \
+  examples/consumer/main.cpp $(pkg-config --cflags --libs cimcore)' sh "$prefix"
+LD_LIBRARY_PATH="$prefix/lib" CIM_LOG_OUTPUT=none "$prefix/consumer-pc"

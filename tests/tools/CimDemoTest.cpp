@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(CimDemo, RunsEverySectionAndLogsOnlyWellFormedLines) {
+TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     cimtest::TempDir dir;
     const std::string logPath = dir.File("demo.log");
     const std::string outPath = dir.File("demo.out");
@@ -25,6 +25,11 @@ TEST(CimDemo, RunsEverySectionAndLogsOnlyWellFormedLines) {
     EXPECT_NE(output.find("== Summary =="), std::string::npos) << output;
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
     EXPECT_NE(output.find(logPath), std::string::npos) << output;
+    // Without --keep the demo leaves no temporary folder behind.
+    std::smatch removed;
+    ASSERT_TRUE(std::regex_search(output, removed, std::regex("files in (\\S+) were removed")))
+        << output;
+    EXPECT_FALSE(cimtest::Exists(removed[1].str())) << removed[1].str();
 
     const std::regex line(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
     const std::string log = cimtest::ReadFile(logPath);

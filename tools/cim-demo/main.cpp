@@ -11,6 +11,7 @@
 #include <iostream>
 #include <sstream>
 
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,12 +63,21 @@ void ShowLog(const Context& context, size_t mark, const std::string& filter) {
 
 namespace {
 
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return ::remove(path);
+}
+
+bool RemoveTree(const std::string& path) {
+    return ::nftw(path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS) == 0;
+}
+
 void Usage() {
     std::puts(
-        "usage: cim-demo [--log-config PATH]\n"
+        "usage: cim-demo [--keep] [--log-config PATH]\n"
         "Runs every part of cimcore once and prints what happened.\n"
         "The library's log goes where CIM_LOG_OUTPUT says; by default to a file\n"
-        "whose name is printed at the end.");
+        "in the demo's temporary folder, which is removed at the end unless\n"
+        "--keep is given.");
 }
 
 }  // namespace
@@ -75,8 +85,11 @@ void Usage() {
 int main(int argc, char** argv) {
     using namespace cimdemo;
     Context context;
+    bool keep = false;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--log-config") == 0 && i + 1 < argc) {
+        if (std::strcmp(argv[i], "--keep") == 0) {
+            keep = true;
+        } else if (std::strcmp(argv[i], "--log-config") == 0 && i + 1 < argc) {
             context.logConfigPath = argv[++i];
         } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             Usage();
@@ -142,6 +155,14 @@ int main(int argc, char** argv) {
     } else {
         std::printf("\nThe library's log went to CIM_LOG_OUTPUT=%s\n", output);
     }
-    std::printf("The demo's files are in %s\n", context.workDir.c_str());
+    if (keep) {
+        std::printf("The demo's files are in %s\n", context.workDir.c_str());
+    } else if (RemoveTree(context.workDir)) {
+        std::printf("The demo's files in %s were removed (--keep keeps them)\n",
+                    context.workDir.c_str());
+    } else {
+        std::printf("Could not remove all of %s\n", context.workDir.c_str());
+        allOk = false;
+    }
     return allOk ? 0 : 1;
 }
