@@ -51,9 +51,10 @@ public:
 
 private:
     struct Block;
-    // Locks TimeMutex and returns the block. When the semaphore is not
-    // created, unlocks, reports it for `function` and returns null.
-    Block* m_LockBlock(const char* function);
+    class TimeLock;
+    // Requires `lock` held; returns the block. When the semaphore is not
+    // created, lets go of `lock`, reports it for `function` and returns null.
+    Block* m_LockedBlock(TimeLock& lock, const char* function);
 
     std::atomic<Block*> m_block;  // written under TimeMutex
 };

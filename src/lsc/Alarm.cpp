@@ -1,6 +1,7 @@
 #include <cimcore/internal/lsc/Alarm.h>
 
 #include "LscCheck.h"
+#include "MutexGuard.h"
 
 #include <cstdio>
 
@@ -74,10 +75,11 @@ bool TCAlarm::Destroy() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    m_mutex.Lock();
-    m_destroy.store(true);
-    m_wake.Give();
-    m_mutex.Unlock();
+    {
+        TCMutexGuard guard(m_mutex);
+        m_destroy.store(true);
+        m_wake.Give();
+    }
     if (!TCThread::Destroy()) {
         return false;  // called on the alarm thread itself
     }
@@ -91,12 +93,11 @@ void TCAlarm::Reset(unsigned long period, unsigned long count) {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return;
     }
-    m_mutex.Lock();
+    TCMutexGuard guard(m_mutex);
     m_period = FlooredPeriod(period);
     m_count = static_cast<uint32_t>(count);
     Task()->TCQueue::Delete(this, nullptr);
     m_wake.Give();
-    m_mutex.Unlock();
 }
 
 bool TCAlarm::SetEventCallback(int index, TFEventCallback before, TFEventCallback after,
@@ -162,17 +163,13 @@ bool TCAlarm::OnAlarm(const TSEvent* event) {
 }
 
 unsigned long TCAlarm::Period() const {
-    m_mutex.Lock();
-    const unsigned long period = m_period;
-    m_mutex.Unlock();
-    return period;
+    TCMutexGuard guard(m_mutex);
+    return m_period;
 }
 
 unsigned long TCAlarm::Count() const {
-    m_mutex.Lock();
-    const unsigned long count = m_count;
-    m_mutex.Unlock();
-    return count;
+    TCMutexGuard guard(m_mutex);
+    return m_count;
 }
 
 bool TCAlarm::t_OnEvent(const TSEvent* event) {
@@ -195,23 +192,24 @@ int TCAlarm::t_Main() {
     event.receiver = this;
     event.type = EVENT_ALARM;
 
-    m_mutex.Lock();
+    // Released across every wait below, so that Reset and Destroy get through.
+    TCMutexGuard guard(m_mutex);
     event.word4 = m_count;
     uint32_t sequence = 0;
     for (;;) {
         // All events of this start are out: sleep until a Reset or Destroy.
         while (m_count != kNoEnd && sequence >= m_count) {
-            m_mutex.Unlock();
+            guard.Unlock();
             m_wake.Take();
             if (m_destroy.load()) {
                 return 0;
             }
-            m_mutex.Lock();
+            guard.Lock();
             event.word4 = m_count;
             sequence = 0;
         }
         const uint32_t period = m_period;
-        m_mutex.Unlock();
+        guard.Unlock();
         bool woken = m_wake.Try(period);
         if (!woken) {
             // A time-out of 0 waits without limit: this poll only returns
@@ -220,7 +218,7 @@ int TCAlarm::t_Main() {
             // meanwhile so that Reset and Destroy can get through.
             woken = m_wake.Try(0);
         }
-        m_mutex.Lock();
+        guard.Lock();
         if (!woken) {
             event.word5 = sequence;
             TCTask::Send(&event, false, false);
@@ -228,7 +226,6 @@ int TCAlarm::t_Main() {
             continue;
         }
         if (m_destroy.load()) {
-            m_mutex.Unlock();
             return 0;
         }
         sequence = 0;

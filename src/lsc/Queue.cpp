@@ -1,6 +1,7 @@
 #include <cimcore/internal/lsc/Queue.h>
 
 #include "LscCheck.h"
+#include "MutexGuard.h"
 
 namespace {
 
@@ -54,30 +55,31 @@ bool TCQueue::PutSync(TSEvent* event, bool wait, bool priority) {
     if (wait && !reply.Create(0)) {
         return false;
     }
-    Lock();
-    // Ordinary puts keep the last kPriorityReserve slots free for priority
-    // ones: refused from 240 queued on, priority only at 256.
-    const bool refused = priority ? m_count > kSlots - 1 : m_count + kPriorityReserve > kSlots - 1;
-    if (refused) {
-        if (wait) {
-            reply.Destroy();
+    {
+        TCMutexGuard guard(*this);
+        // Ordinary puts keep the last kPriorityReserve slots free for priority
+        // ones: refused from 240 queued on, priority only at 256.
+        const bool refused =
+            priority ? m_count > kSlots - 1 : m_count + kPriorityReserve > kSlots - 1;
+        if (refused) {
+            if (wait) {
+                reply.Destroy();
+            }
+            return false;
         }
-        Unlock();
-        return false;
+        TSEvent copy = *event;
+        copy.replySem = wait ? &reply : nullptr;
+        copy.sender = pthread_self();
+        if (priority) {
+            m_head = (m_head + kSlots - 1) % kSlots;
+            m_slots[m_head] = copy;
+        } else {
+            m_slots[m_tail] = copy;
+            m_tail = NextSlot(m_tail);
+        }
+        ++m_count;
+        m_items.Give();
     }
-    TSEvent copy = *event;
-    copy.replySem = wait ? &reply : nullptr;
-    copy.sender = pthread_self();
-    if (priority) {
-        m_head = (m_head + kSlots - 1) % kSlots;
-        m_slots[m_head] = copy;
-    } else {
-        m_slots[m_tail] = copy;
-        m_tail = NextSlot(m_tail);
-    }
-    ++m_count;
-    m_items.Give();
-    Unlock();
     if (wait) {
         // Given by the executor, or by Delete if the event is removed.
         reply.Take();
@@ -98,19 +100,15 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long timeout, bool skipSync) {
         if (!m_items.Try(timeout)) {
             return false;
         }
-        Lock();
+        TCMutexGuard guard(*this);
         if (m_count == 0) {
-            // A unit whose event was deleted meanwhile.
-            Unlock();
-            continue;
+            continue;  // a unit whose event was deleted meanwhile
         }
         if (skipSync && m_slots[m_head].replySem != nullptr) {
             // The unit taken above is not given back: kept as designed.
-            Unlock();
             return false;
         }
         m_PopHead(event);
-        Unlock();
         return true;
     }
 }
@@ -123,13 +121,11 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    Lock();
+    TCMutexGuard guard(*this);
     if (m_count == 0 || (skipSync && m_slots[m_head].replySem != nullptr)) {
-        Unlock();
         return false;
     }
     m_PopHead(event);
-    Unlock();
     return true;
 }
 
@@ -163,7 +159,7 @@ bool TCQueue::m_Take(TSEvent* event, const TCHandler* receiver, bool byType, uns
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    Lock();
+    TCMutexGuard guard(*this);
     bool taken = false;
     const int queued = m_count;
     // Every other event is re-appended at the tail in turn, so the ring
@@ -183,7 +179,6 @@ bool TCQueue::m_Take(TSEvent* event, const TCHandler* receiver, bool byType, uns
     if (taken) {
         m_DropUnits(1);
     }
-    Unlock();
     return taken;
 }
 
@@ -200,14 +195,15 @@ bool TCQueue::m_Count(const TCHandler* receiver, bool byType, unsigned long type
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    Lock();
     unsigned int found = 0;
-    for (int i = 0, slot = m_head; i < m_count; ++i, slot = NextSlot(slot)) {
-        if (Matches(m_slots[slot], receiver, byType, type)) {
-            ++found;
+    {
+        TCMutexGuard guard(*this);
+        for (int i = 0, slot = m_head; i < m_count; ++i, slot = NextSlot(slot)) {
+            if (Matches(m_slots[slot], receiver, byType, type)) {
+                ++found;
+            }
         }
     }
-    Unlock();
     if (count != nullptr) {
         *count = found;
     }
@@ -232,26 +228,27 @@ bool TCQueue::m_Delete(const TCHandler* receiver, bool byType, unsigned long typ
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    Lock();
-    const int queued = m_count;
-    m_count = 0;
     unsigned int removed = 0;
-    for (int i = 0; i < queued; ++i) {
-        const TSEvent current = m_slots[m_head];
-        m_head = NextSlot(m_head);
-        if (removed < most && Matches(current, receiver, byType, type)) {
-            ++removed;
-            if (current.replySem != nullptr) {
-                current.replySem->Give();  // releases the blocked sender
+    {
+        TCMutexGuard guard(*this);
+        const int queued = m_count;
+        m_count = 0;
+        for (int i = 0; i < queued; ++i) {
+            const TSEvent current = m_slots[m_head];
+            m_head = NextSlot(m_head);
+            if (removed < most && Matches(current, receiver, byType, type)) {
+                ++removed;
+                if (current.replySem != nullptr) {
+                    current.replySem->Give();  // releases the blocked sender
+                }
+            } else {
+                m_slots[m_tail] = current;
+                m_tail = NextSlot(m_tail);
+                ++m_count;
             }
-        } else {
-            m_slots[m_tail] = current;
-            m_tail = NextSlot(m_tail);
-            ++m_count;
         }
+        m_DropUnits(removed);
     }
-    m_DropUnits(removed);
-    Unlock();
     if (count != nullptr) {
         *count = removed;
     }

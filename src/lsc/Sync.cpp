@@ -1,6 +1,7 @@
 #include <cimcore/internal/lsc/Sync.h>
 
 #include "LscCheck.h"
+#include "MutexGuard.h"
 
 #include <cimcore/CIMTime.h>
 #include <cimcore/internal/CIMLog.h>
@@ -61,18 +62,16 @@ int TCSyncDet::Add(PTSyncDetInfo* pData) {
     if (!CIM_LSC_CHECK(pData) || !CIM_LSC_CHECK(m_arrPCSyncDet)) {
         return -1;
     }
-    m_pLock->Lock();
+    TCMutexGuard guard(*m_pLock);
     for (int i = 0; i < MAX_SYNC_TASKS; ++i) {
         PTSyncDetInfo& entry = m_arrPCSyncDet[i];
         if (!entry.bValid) {
             entry = *pData;
             entry.ulTick = CIM::TCCIMTime::Tick();
             entry.bValid = true;
-            m_pLock->Unlock();
             return i;
         }
     }
-    m_pLock->Unlock();
     return -1;
 }
 
@@ -81,10 +80,9 @@ int TCSyncDet::Remove(int callerArryIndex) {
         !CIM_LSC_CHECK(callerArryIndex >= 0 && callerArryIndex < MAX_SYNC_TASKS)) {
         return 0;
     }
-    m_pLock->Lock();
+    TCMutexGuard guard(*m_pLock);
     CIM_LSC_CHECK((m_arrPCSyncDet[callerArryIndex].bValid));
     m_arrPCSyncDet[callerArryIndex].bValid = false;
-    m_pLock->Unlock();
     return 0;
 }
 

@@ -1,6 +1,7 @@
 #include <cimcore/internal/lsc/Task.h>
 
 #include "LscCheck.h"
+#include "MutexGuard.h"
 
 #include <cimcore/internal/lsc/Sync.h>
 
@@ -111,9 +112,8 @@ bool TCTask::Create(const char* name, unsigned int idleTimeout, unsigned long st
     if (!TCTaskList::FlagInitialize()) {
         TCTaskList::m_mutex.Create();
     }
-    TCTaskList::m_mutex.Lock();
+    TCMutexGuard guard(TCTaskList::m_mutex);
     TCTaskList::m_taskList.push_back(this);
-    TCTaskList::m_mutex.Unlock();
     return true;
 }
 
@@ -122,11 +122,10 @@ bool TCTask::Destroy() {
         return false;
     }
     if (TCTaskList::FlagInitialize()) {
-        TCTaskList::m_mutex.Lock();
+        TCMutexGuard guard(TCTaskList::m_mutex);
         if (TCTaskList::Find(this)) {
             TCTaskList::m_currentTask = TCTaskList::m_taskList.erase(TCTaskList::m_currentTask);
         }
-        TCTaskList::m_mutex.Unlock();
     }
     if (!TCThread::Destroy()) {
         return false;
@@ -184,18 +183,20 @@ bool TCTask::m_Request(TCTask* task, unsigned long type, unsigned long timeout) 
     }
     // The list's mutex keeps the task from being destroyed until the event
     // is queued.
-    TCTaskList::m_mutex.Lock();
-    if (!TCTaskList::Find(task)) {
-        TCTaskList::m_mutex.Unlock();
-        FreeReplyPair(pair);
-        return false;
+    bool sent = false;
+    {
+        TCMutexGuard guard(TCTaskList::m_mutex);
+        if (!TCTaskList::Find(task)) {
+            guard.Unlock();
+            FreeReplyPair(pair);
+            return false;
+        }
+        TSEvent event;
+        event.receiver = static_cast<TCHandler*>(task);
+        event.type = type;
+        event.word4 = reinterpret_cast<uintptr_t>(pair);
+        sent = Send(&event, false, true);
     }
-    TSEvent event;
-    event.receiver = static_cast<TCHandler*>(task);
-    event.type = type;
-    event.word4 = reinterpret_cast<uintptr_t>(pair);
-    const bool sent = Send(&event, false, true);
-    TCTaskList::m_mutex.Unlock();
     if (!sent) {
         FreeReplyPair(pair);
         return false;
@@ -442,9 +443,10 @@ void LegacyCoreExport::Destroy() {
     if (!TCTaskList::FlagInitialize()) {
         return;
     }
-    TCTaskList::m_mutex.Lock();
-    TCTaskList::m_taskList.clear();
-    TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
-    TCTaskList::m_mutex.Unlock();
+    {
+        TCMutexGuard guard(TCTaskList::m_mutex);
+        TCTaskList::m_taskList.clear();
+        TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
+    }
     TCTaskList::m_mutex.Destroy();
 }

@@ -33,14 +33,6 @@ std::vector<void*>& AbandonedBlocks() {  // guarded by TimeMutex
     return *blocks;
 }
 
-class TimeLock {
-public:
-    TimeLock() { pthread_mutex_lock(&TimeMutex); }
-    ~TimeLock() { pthread_mutex_unlock(&TimeMutex); }
-    TimeLock(const TimeLock&) = delete;
-    TimeLock& operator=(const TimeLock&) = delete;
-};
-
 int KernelThreadId() {
     return static_cast<int>(::syscall(SYS_gettid));
 }
@@ -65,6 +57,27 @@ bool NiceValueFor(int priority, int* nice) {
 
 // ---- TCSemaphore -------------------------------------------------------------
 
+// Holds TimeMutex for its scope, so no exit can leave every legacy semaphore
+// of the process stopped. Unlock lets go early, before a report.
+class TCSemaphore::TimeLock {
+public:
+    TimeLock() { pthread_mutex_lock(&TimeMutex); }
+    ~TimeLock() {
+        if (m_held) {
+            pthread_mutex_unlock(&TimeMutex);
+        }
+    }
+    TimeLock(const TimeLock&) = delete;
+    TimeLock& operator=(const TimeLock&) = delete;
+    void Unlock() {
+        pthread_mutex_unlock(&TimeMutex);
+        m_held = false;
+    }
+
+private:
+    bool m_held = true;
+};
+
 TCSemaphore::~TCSemaphore() {
     if (!CIM_LSC_CHECK(FlagCreate() == false)) {
         Destroy();  // only reached when the report returns
@@ -72,9 +85,9 @@ TCSemaphore::~TCSemaphore() {
 }
 
 bool TCSemaphore::Create(int count) {
-    pthread_mutex_lock(&TimeMutex);
+    TimeLock lock;
     if (m_block.load() != nullptr) {
-        pthread_mutex_unlock(&TimeMutex);
+        lock.Unlock();
         CIM_LSC_EXPECT(false, "FlagCreate() == false");
         return false;
     }
@@ -89,22 +102,21 @@ bool TCSemaphore::Create(int count) {
         }
     }
     m_block.store(block);
-    pthread_mutex_unlock(&TimeMutex);
     return block != nullptr;
 }
 
-TCSemaphore::Block* TCSemaphore::m_LockBlock(const char* function) {
-    pthread_mutex_lock(&TimeMutex);
+TCSemaphore::Block* TCSemaphore::m_LockedBlock(TimeLock& lock, const char* function) {
     Block* block = m_block.load();
     if (block == nullptr) {
-        pthread_mutex_unlock(&TimeMutex);
+        lock.Unlock();
         CIM::Log::AssertFailed("FlagCreate() == true", __FILE__, __LINE__, function);
     }
     return block;
 }
 
 void TCSemaphore::Destroy() {
-    Block* block = m_LockBlock(__func__);
+    TimeLock lock;
+    Block* block = m_LockedBlock(lock, __func__);
     if (block == nullptr) {
         return;
     }
@@ -115,21 +127,20 @@ void TCSemaphore::Destroy() {
     } else {
         AbandonedBlocks().push_back(block);
     }
-    pthread_mutex_unlock(&TimeMutex);
 }
 
 void TCSemaphore::Take() {
-    Block* block = m_LockBlock(__func__);
+    TimeLock lock;
+    Block* block = m_LockedBlock(lock, __func__);
     if (block == nullptr) {
         return;
     }
     while (block->count <= 0) {
         ++block->waiters;
-        pthread_cond_wait(&block->condition, &TimeMutex);
+        pthread_cond_wait(&block->condition, &TimeMutex);  // lets go of `lock` while it waits
         --block->waiters;
     }
     --block->count;
-    pthread_mutex_unlock(&TimeMutex);
 }
 
 bool TCSemaphore::Try(unsigned long timeout) {
@@ -143,21 +154,20 @@ bool TCSemaphore::Try(unsigned long timeout) {
     const long wholeSeconds = static_cast<long>(timeout / 1000);
     const long remainderUs = static_cast<long>(timeout % 1000 * 1000);
 
-    Block* block = m_LockBlock(__func__);
+    TimeLock lock;
+    Block* block = m_LockedBlock(lock, __func__);
     if (block == nullptr) {
         return false;
     }
     for (;;) {
         if (block->count > 0) {
             --block->count;
-            pthread_mutex_unlock(&TimeMutex);
             return true;
         }
         // The deadline is taken afresh on every wake-up: a waiter overtaken
         // by another taker starts its full time-out again. Kept on purpose.
         timeval now;
         if (gettimeofday(&now, nullptr) != 0) {
-            pthread_mutex_unlock(&TimeMutex);
             return false;
         }
         time_t seconds = now.tv_sec + wholeSeconds;
@@ -172,10 +182,10 @@ bool TCSemaphore::Try(unsigned long timeout) {
         deadline.tv_sec = seconds;
         deadline.tv_nsec = micros * 1000;
         ++block->waiters;
+        // Lets go of `lock` while it waits.
         const int result = pthread_cond_timedwait(&block->condition, &TimeMutex, &deadline);
         --block->waiters;
         if (result != 0) {
-            pthread_mutex_unlock(&TimeMutex);
             return false;
         }
     }
@@ -192,7 +202,8 @@ bool TCSemaphore::Poll() {
 }
 
 void TCSemaphore::Give() {
-    Block* block = m_LockBlock(__func__);
+    TimeLock lock;
+    Block* block = m_LockedBlock(lock, __func__);
     if (block == nullptr) {
         return;
     }
@@ -200,7 +211,6 @@ void TCSemaphore::Give() {
     // Signalled under TimeMutex: the woken thread cannot return (and free
     // the block, as a synchronous sender does) before this call is done.
     pthread_cond_signal(&block->condition);
-    pthread_mutex_unlock(&TimeMutex);
 }
 
 // ---- TCMutex -------------------------------------------------------------------
