@@ -1,4 +1,8 @@
 // Everything cimcore offers, in one include.
+//
+// The legacy runtime's headers are public API, installed and supported as
+// <cimcore/internal/lsc/...>: the stack's other libraries include them by
+// that path. Nothing else under cimcore/internal/ is meant for direct use.
 #ifndef CIMCORE_CIMCORE_H
 #define CIMCORE_CIMCORE_H
 
