@@ -97,7 +97,8 @@ TEST_F(AlarmTest, ResetAndDestroyDropAlarmEventsStillQueued) {
     alarm.Reset(1000, 1);
     unsigned int left = 0;
     EXPECT_FALSE(m_task.Find(&alarm, &left));
-    EXPECT_TRUE(m_task.Find(&m_task, &left) && left == 1) << "Reset removed a foreign event";
+    EXPECT_TRUE(m_task.Find(&m_task, &left)) << "Reset removed a foreign event";
+    EXPECT_EQ(left, 1u);
     ASSERT_TRUE(SendTo(&doomed, EVENT_ALARM, false));
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
     EXPECT_TRUE(doomed.Destroy());
@@ -127,8 +128,10 @@ TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     alarm.SetCallbackBefore(TCAlarm::TFAlarmFunction());
     TSEvent event = MakeEvent(&alarm, EVENT_ALARM);
     EXPECT_TRUE(alarm.OnAlarm(&event)) << "the after function's true";
-    EXPECT_TRUE(functionCalls == 1 && calls.before == 2 && calls.after == 2 &&
-                alarm.hookCalls == 2);
+    EXPECT_EQ(functionCalls, 1);
+    EXPECT_EQ(calls.before, 2);
+    EXPECT_EQ(calls.after, 2);
+    EXPECT_EQ(alarm.hookCalls, 2);
     alarm.Destroy();
 }
 

@@ -54,7 +54,8 @@ TEST_F(EventNotifyThreadTest, DestroyEndsTheLoopAndEachEventGivesOnce) {
     EXPECT_FALSE(m_notify.Try(60)) << "more notifications than events";
     // The reader takes the events itself, without the units the notify thread consumed.
     for (uintptr_t number = 1; number <= 3; ++number) {
-        EXPECT_TRUE(m_queue.GetQData(&event) && event.word4 == number) << number;
+        ASSERT_TRUE(m_queue.GetQData(&event)) << number;
+        EXPECT_EQ(event.word4, number);
     }
 }
 

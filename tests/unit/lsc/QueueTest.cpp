@@ -84,7 +84,8 @@ TEST_F(QueueTest, BlockingAndNonBlockingReads) {
     EXPECT_EQ(reader.wait_for(milliseconds(50)), std::future_status::timeout);
     Put(kA, EVENT_USER, reinterpret_cast<uintptr_t>(&reader));
     const TSEvent out = reader.get();
-    EXPECT_TRUE(out.word4 == reinterpret_cast<uintptr_t>(&reader) && out.sender == pthread_self());
+    EXPECT_EQ(out.word4, reinterpret_cast<uintptr_t>(&reader));
+    EXPECT_TRUE(pthread_equal(out.sender, pthread_self()));
 
     // GetQData leaves the item unit behind: a reader that takes it finds no
     // event and waits on.
@@ -122,8 +123,10 @@ TEST_F(QueueTest, SelectiveTakeAndDeleteKeepTheOthersInOrder) {
         Put(tag % 2 ? kB : kA, 6, tag);
     }
     TSEvent event;
-    EXPECT_TRUE(queue.Get(&event, kB) && event.word4 == 2u);
-    EXPECT_TRUE(queue.Get(&event, kB, 6UL) && event.word4 == 5u);
+    ASSERT_TRUE(queue.Get(&event, kB));
+    EXPECT_EQ(event.word4, 2u);
+    ASSERT_TRUE(queue.Get(&event, kB, 6UL));
+    EXPECT_EQ(event.word4, 5u);
     unsigned int removed = 99;
     EXPECT_TRUE(queue.DeleteEx(kA, 6UL, 2, &removed));  // 4 and 6
     EXPECT_EQ(removed, 2u);
@@ -141,7 +144,8 @@ TEST_F(QueueTest, SelectiveTakeAndDeleteKeepTheOthersInOrder) {
     Put(kA, 5, 10);
     ASSERT_TRUE(queue.Try(10));
     unsigned int count = 0;
-    EXPECT_TRUE(queue.Delete(kA, &count) && count == 2u);
+    EXPECT_TRUE(queue.Delete(kA, &count));
+    EXPECT_EQ(count, 2u);
 }
 
 }  // namespace

@@ -41,7 +41,9 @@ TEST(RWLockTest, WriterRecursesAndReadsFreely) {
     ASSERT_TRUE(lock.WLock());
     ASSERT_TRUE(lock.WLock());
     // The writer's reads neither block nor count.
-    EXPECT_TRUE(lock.RLock() && lock.RLock() && lock.RUnlock());
+    EXPECT_TRUE(lock.RLock());
+    EXPECT_TRUE(lock.RLock());
+    EXPECT_TRUE(lock.RUnlock());
     auto reader = std::async(std::launch::async, [&] { return lock.RLock() && lock.RUnlock(); });
     EXPECT_TRUE(Blocked(reader));
 

@@ -76,7 +76,8 @@ TEST_F(SyncTest, EntriesAreReusedLowestFirstAndASecondInitKeepsThem) {
     EXPECT_TRUE(LegacyCoreExport::Init());
     EXPECT_FALSE(TCSyncDet::Create());
     EXPECT_EQ(recorder.Expressions(), (std::vector<std::string>{"!FlagCreate()", "!FlagCreate()"}));
-    EXPECT_TRUE(TCSyncDet::m_arrPCSyncDet == table && SyncEntries() == TCSyncDet::MAX_SYNC_TASKS);
+    EXPECT_EQ(TCSyncDet::m_arrPCSyncDet, table);
+    EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
 }
 
 }  // namespace

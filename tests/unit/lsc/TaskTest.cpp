@@ -46,7 +46,8 @@ TEST_F(TaskTest, CallbacksSuppressAndFollowTheHooks) {
     EXPECT_EQ(task.userHooks, 0) << "a before callback returning true stands in for the hook";
     calls.beforeResult = false;
     ASSERT_TRUE(SendTo(&task, EVENT_USER, true));
-    EXPECT_TRUE(task.userHooks == 1 && calls.after == 2);
+    EXPECT_EQ(task.userHooks, 1);
+    EXPECT_EQ(calls.after, 2);
 
     // Exit passes through its callbacks too, then nothing more runs.
     Calls exitCalls;
@@ -122,9 +123,11 @@ TEST_F(TaskTest, CreationValuesAndTheTaskList) {
     ASSERT_TRUE(WaitUntil([&idle] { return idle.idles >= 2; }, 1000ms));
     EXPECT_GE(ElapsedMs(start), 38) << "the idle hook ran before its time-out";
     TCTaskList::m_mutex.Lock();
-    EXPECT_TRUE(TCTaskList::Find("a-task-name-of-") && TCTaskList::Task() == &idle);
+    EXPECT_TRUE(TCTaskList::Find("a-task-name-of-"));
+    EXPECT_EQ(TCTaskList::Task(), &idle);
     // Seeking the end succeeds on purpose: callers iterate up to it.
-    EXPECT_TRUE(TCTaskList::Seek(1) && TCTaskList::Task() == nullptr);
+    EXPECT_TRUE(TCTaskList::Seek(1));
+    EXPECT_EQ(TCTaskList::Task(), nullptr);
     EXPECT_FALSE(TCTaskList::Seek(2));
     TCTaskList::m_mutex.Unlock();
     idle.Stop();

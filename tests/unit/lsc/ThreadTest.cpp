@@ -43,7 +43,8 @@ TEST(SemaphoreTest, TryZeroWaitsGivesAccumulateAndAnOvertakenTryWaitsAgain) {
     EXPECT_TRUE(waiter.get());
     semaphore.Give();
     semaphore.Give();
-    EXPECT_TRUE(semaphore.Poll() && semaphore.Poll());
+    EXPECT_TRUE(semaphore.Poll());
+    EXPECT_TRUE(semaphore.Poll());
     const auto start = Clock::now();
     EXPECT_FALSE(semaphore.Try(60));
     EXPECT_GE(ElapsedMs(start), 58);
