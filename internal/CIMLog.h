@@ -1,8 +1,11 @@
 // The one place that formats the library's log prefix "%s: %s(%d) > " and
 // hands lines to the platform log under the tag "CI_CORE".
 //
-// Call sites pass the source name, function name and line number that the
-// line must carry as literals: those three are part of the line's text.
+// Two kinds of call site, told apart at a glance:
+//   Log::Info(kFile, "Connect", 83, ...)       the line's text fixes the file,
+//                                               function and line: all literals;
+//   CIM_LOG_INFO_HERE(kFile, __func__, ...)     the line number is wherever the
+//                                               call is (__LINE__).
 #ifndef CIMCORE_INTERNAL_CIMLOG_H
 #define CIMCORE_INTERNAL_CIMLOG_H
 
@@ -29,5 +32,10 @@ void AssertFailed(const char* expression, const char* path, unsigned long line,
 
 }  // namespace Log
 }  // namespace CIM
+
+#define CIM_LOG_INFO_HERE(file, function, ...) \
+    ::CIM::Log::Info((file), (function), __LINE__, __VA_ARGS__)
+#define CIM_LOG_ERROR_HERE(file, function, ...) \
+    ::CIM::Log::Error((file), (function), __LINE__, __VA_ARGS__)
 
 #endif

@@ -67,7 +67,7 @@ bool TCCIMDebugLog::ChangeLevel(const std::string& tag, ECIMLogLevel level) noex
 }
 
 bool TCCIMDebugLog::ChangeLevel(ECIMLogLevel level) noexcept {
-    Log::Info(kSource, __func__, __LINE__, "level[%s]", LogLevelToString(level).c_str());
+    CIM_LOG_INFO_HERE(kSource, __func__, "level[%s]", LogLevelToString(level).c_str());
     if (level == ECIMLogLevel::LOG_LVL_INVALID) {
         Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
                           __func__);
@@ -90,7 +90,7 @@ bool TCCIMDebugLog::ToggleTag(const std::string& tag) noexcept {
         case ECIMLogLevel::LOG_LVL_ON:
             return ChangeLevel(tag, ECIMLogLevel::LOG_LVL_OFF);
         default:
-            Log::Info(kSource, __func__, __LINE__, "Tag not exists or INVALID level.");
+            CIM_LOG_INFO_HERE(kSource, __func__, "Tag not exists or INVALID level.");
             return false;
     }
 }
@@ -101,15 +101,15 @@ ECIMLogLevel TCCIMDebugLog::ToggleLog() noexcept {
     const bool firstOn =
         !m_debugLevels.empty() && m_debugLevels.begin()->second == ECIMLogLevel::LOG_LVL_ON;
     const ECIMLogLevel level = firstOn ? ECIMLogLevel::LOG_LVL_OFF : ECIMLogLevel::LOG_LVL_ON;
-    Log::Info(kSource, __func__, __LINE__, "Toggle changed to [%s] ",
-              LogLevelToString(level).c_str());
+    CIM_LOG_INFO_HERE(kSource, __func__, "Toggle changed to [%s] ",
+                      LogLevelToString(level).c_str());
     ChangeLevel(level);
     return level;
 }
 
 bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
-    Log::Info(kSource, __func__, __LINE__, "tag[%s], level[%s]", tag.c_str(),
-              LogLevelToString(level).c_str());
+    CIM_LOG_INFO_HERE(kSource, __func__, "tag[%s], level[%s]", tag.c_str(),
+                      LogLevelToString(level).c_str());
     const auto found = m_debugLevels.find(tag);
     if (found == m_debugLevels.end()) {
         Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kAssertPath,
@@ -122,7 +122,7 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
         return false;
     }
     if (found->second == level) {
-        Log::Info(kSource, __func__, __LINE__, "The same level.");
+        CIM_LOG_INFO_HERE(kSource, __func__, "The same level.");
         return false;
     }
     // Any value but off counts as on, so a stray value starts the tag and is
@@ -130,7 +130,7 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
     const int result =
         level != ECIMLogLevel::LOG_LVL_OFF ? m_StartDlogTag(tag) : m_StopDlogTag(tag);
     if (result < 0) {
-        Log::Error(kSource, __func__, __LINE__, "Change level failed!");
+        CIM_LOG_ERROR_HERE(kSource, __func__, "Change level failed!");
         return false;
     }
     found->second = level;
@@ -139,13 +139,13 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
 
 int TCCIMDebugLog::m_StartDlogTag(const std::string& tag) {
     const int result = startdlogtagbydefault(tag.c_str());
-    Log::Info(kSource, __func__, __LINE__, "start dlog tag [%s]. result[%d].", tag.c_str(), result);
+    CIM_LOG_INFO_HERE(kSource, __func__, "start dlog tag [%s]. result[%d].", tag.c_str(), result);
     return result;
 }
 
 int TCCIMDebugLog::m_StopDlogTag(const std::string& tag) {
     const int result = stopdlogtagbydefault(tag.c_str());
-    Log::Info(kSource, __func__, __LINE__, "stop dlog tag [%s] result[%d].", tag.c_str(), result);
+    CIM_LOG_INFO_HERE(kSource, __func__, "stop dlog tag [%s] result[%d].", tag.c_str(), result);
     return result;
 }
 
@@ -161,7 +161,7 @@ void TCCIMDebugLog::m_Load() {
 
 bool TCCIMDebugLog::m_LoadFromString(const std::string& s) {
     const std::list<std::string> tokens = m_Split(s, ' ');
-    Log::Info(kSource, __func__, __LINE__, "s(%s) tags size(%zu)", s.c_str(), tokens.size());
+    CIM_LOG_INFO_HERE(kSource, __func__, "s(%s) tags size(%zu)", s.c_str(), tokens.size());
     m_ResetConfiguration();
     for (const std::string& token : tokens) {
         const auto found = m_debugLevels.find(token);
@@ -212,23 +212,23 @@ void TCCIMDebugLog::m_Save() {
     out << m_ToString();
     bool failed = true;
     if (!out) {
-        Log::Info(kSource, __func__, __LINE__, "Write failed!");
+        CIM_LOG_INFO_HERE(kSource, __func__, "Write failed!");
     } else if (!out.flush()) {
-        Log::Info(kSource, __func__, __LINE__, "Flush failed!");
+        CIM_LOG_INFO_HERE(kSource, __func__, "Flush failed!");
     } else {
         out.close();
         if (!out) {
-            Log::Info(kSource, __func__, __LINE__, "Close failed!");
+            CIM_LOG_INFO_HERE(kSource, __func__, "Close failed!");
         } else {
             failed = false;
         }
     }
     if (failed) {
-        Log::Error(kSource, __func__, __LINE__, "Error while writing to the file %s",
-                   m_filePath.c_str());
+        CIM_LOG_ERROR_HERE(kSource, __func__, "Error while writing to the file %s",
+                           m_filePath.c_str());
     }
     // Logged after a failure too: the error line just before it tells.
-    Log::Info(kSource, __func__, __LINE__, "Current configuration saved.");
+    CIM_LOG_INFO_HERE(kSource, __func__, "Current configuration saved.");
 }
 
 }  // namespace CIM

@@ -116,8 +116,7 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
 
     const int index = Add(&info);
     if (index == -1) {
-        CIM::Log::Error("Sync.cpp", "PCTaskSyncMonitoring", __LINE__,
-                        "### TCSyncDet::Add() failed\n");
+        CIM_LOG_ERROR_HERE("Sync.cpp", "PCTaskSyncMonitoring", "### TCSyncDet::Add() failed\n");
     }
     return index;
 }

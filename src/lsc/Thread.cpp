@@ -300,8 +300,8 @@ bool TCThread::Create(const char* threadname, unsigned long stackSize) {
         m_startSync.Destroy();
         m_endSync.Destroy();
         pthread_attr_destroy(&attributes);
-        CIM::Log::Error("Thread.cpp", "Create", __LINE__,
-                        "[CSP]: ERROR: TCThread::Create() : m_pidSync Create Error");
+        CIM_LOG_ERROR_HERE("Thread.cpp", "Create",
+                           "[CSP]: ERROR: TCThread::Create() : m_pidSync Create Error");
         return false;
     }
 
@@ -328,8 +328,8 @@ bool TCThread::Destroy() {
     }
     if (!CIM_LSC_CHECK(TCThreadSelf::Id() != Id())) {
         // Waiting here would wait for ever; the object stays created.
-        CIM::Log::Error("Thread.cpp", "Destroy", __LINE__,
-                        "Assert Error : Current Thread can't destroy itself");
+        CIM_LOG_ERROR_HERE("Thread.cpp", "Destroy",
+                           "Assert Error : Current Thread can't destroy itself");
         m_pidSync.Destroy();
         return false;
     }
