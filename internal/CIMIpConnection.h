@@ -4,6 +4,7 @@
 #ifndef CIMCORE_INTERNAL_CIMIPCONNECTION_H
 #define CIMCORE_INTERNAL_CIMIPCONNECTION_H
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -50,6 +51,12 @@ namespace CIM {
 // operations, so the read completes with error 125 (operation aborted) and
 // whatever bytes came. Disconnect and the alarm's forwarding of an expiry
 // both take the observer mutex, so a disconnect never overlaps it.
+//
+// Reads overlap, and so do their alarms: every alarm whose stop has not yet
+// been carried out is kept in a list. A read's handler stops its own alarm
+// and drops it from the list behind that stop on the strand; Disconnect stops
+// every alarm in the list, and the destructor waits for those stops, so no
+// expiry calls into a connection that is gone, whatever order reads end in.
 //
 // Threads: Connect, SendData, ReadData and Disconnect come from the owner's
 // thread; the connect and read handlers, the alarm and the completion
@@ -107,8 +114,20 @@ private:
                      const boost::system::error_code& error);
     void m_OnReadTimeoutCb();
 
+    // Alarms of reads whose stop may not have been carried out yet. Shared
+    // with the handlers that drop entries, which may run after the
+    // connection has gone.
+    struct TSReadAlarms {
+        std::mutex mutex;
+        std::vector<boost::shared_ptr<TCCIMAlarm>> alarms;  // guarded by mutex
+    };
+
+    void m_StopReadAlarms();
+    std::vector<boost::shared_ptr<TCCIMAlarm>> m_PendingReadAlarms() const;
+
     std::mutex m_observerMutex;
     boost::shared_ptr<TCCIMAlarm> m_alarm;  // owner's thread only
+    const std::shared_ptr<TSReadAlarms> m_readAlarms;
 };
 
 namespace IpConnectionDetail {
@@ -117,7 +136,10 @@ constexpr const char* kFile = "CIMIpConnection.h";
 
 template <typename Protocol>
 TCCIMIpConnection<Protocol>::TCCIMIpConnection(boost::shared_ptr<TCCIMTask> task)
-    : m_task(std::move(task)), t_connected(false), m_socket(m_task->GetIoContext()) {
+    : m_task(std::move(task)),
+      t_connected(false),
+      m_socket(m_task->GetIoContext()),
+      m_readAlarms(std::make_shared<TSReadAlarms>()) {
     Log::Info(IpConnectionDetail::kFile, "TCCIMIpConnection", 58, "this [%p]",
               static_cast<void*>(this));
 }
@@ -252,6 +274,8 @@ void TCCIMIpConnection<Protocol>::Disconnect() {
     if (m_alarm) {
         m_alarm->StopTimer();
     }
+    // Earlier reads may still have alarms running: m_alarm is only the last.
+    m_StopReadAlarms();
     boost::system::error_code error;
     m_socket.shutdown(Socket::shutdown_both, error);
     if (error) {
@@ -303,22 +327,35 @@ void TCCIMIpConnection<Protocol>::ReadData(std::vector<uint8_t>& data,
         alarm = TCCIMAlarm::CreateAlarm(
             observer, m_task, [this]() { m_OnReadTimeoutCb(); }, ALARM_COUNT_ONCE, "LSC");
         m_alarm = alarm;
+        {
+            std::lock_guard<std::mutex> lock(m_readAlarms->mutex);
+            m_readAlarms->alarms.push_back(alarm);
+        }
         alarm->SetTimer(*timeoutMs);
     }
     // The handler stops the alarm of its own read, not whatever m_alarm holds
-    // by the time it runs: a later ReadData may already have replaced it.
-    t_SocketAsynchronousRead(data, [this, alarm, callback](const boost::system::error_code& error,
-                                                           std::size_t transferred) {
-        if (alarm && t_connected) {
-            alarm->StopTimer();
-        }
-        if (error && error != boost::asio::error::operation_aborted) {
-            Log::Info(IpConnectionDetail::kFile, "operator()", 254,
-                      "this [%p] transferred [%zu] error [%s]", static_cast<void*>(this),
-                      transferred, error.message().c_str());
-        }
-        callback(error, transferred);
-    });
+    // by the time it runs: a later ReadData may already have replaced it. It
+    // stops it also when disconnected: Disconnect may not have reached the
+    // list yet, and the alarm must not leave it unstopped.
+    t_SocketAsynchronousRead(
+        data, [this, alarm, callback, readAlarms = m_readAlarms](
+                  const boost::system::error_code& error, std::size_t transferred) {
+            if (alarm) {
+                alarm->StopTimer();
+                // Behind the stop on the strand: once dropped, the alarm is silent.
+                boost::asio::post(m_task->GetStrand(), [readAlarms, alarm]() {
+                    std::lock_guard<std::mutex> lock(readAlarms->mutex);
+                    auto& alarms = readAlarms->alarms;
+                    alarms.erase(std::remove(alarms.begin(), alarms.end(), alarm), alarms.end());
+                });
+            }
+            if (error && error != boost::asio::error::operation_aborted) {
+                Log::Info(IpConnectionDetail::kFile, "operator()", 254,
+                          "this [%p] transferred [%zu] error [%s]", static_cast<void*>(this),
+                          transferred, error.message().c_str());
+            }
+            callback(error, transferred);
+        });
 }
 
 template <typename Protocol>
@@ -407,6 +444,10 @@ void TCCIMIpConnection<Protocol>::m_WaitForLoop() {
     if (m_alarm) {
         m_alarm->Join();
     }
+    // An alarm no longer listed has had its stop carried out.
+    for (const boost::shared_ptr<TCCIMAlarm>& alarm : m_PendingReadAlarms()) {
+        alarm->Join();
+    }
     // The task has one thread: a marker posted now runs after every
     // completion that closing the socket has already queued.
     auto marker = std::make_shared<std::promise<void>>();
@@ -417,6 +458,20 @@ void TCCIMIpConnection<Protocol>::m_WaitForLoop() {
             break;
         }
     }
+}
+
+template <typename Protocol>
+void TCCIMIpConnection<Protocol>::m_StopReadAlarms() {
+    for (const boost::shared_ptr<TCCIMAlarm>& alarm : m_PendingReadAlarms()) {
+        alarm->StopTimer();
+    }
+}
+
+template <typename Protocol>
+std::vector<boost::shared_ptr<TCCIMAlarm>> TCCIMIpConnection<Protocol>::m_PendingReadAlarms()
+    const {
+    std::lock_guard<std::mutex> lock(m_readAlarms->mutex);
+    return m_readAlarms->alarms;
 }
 
 }  // namespace CIM

@@ -68,7 +68,7 @@ void TCCIMAlarm::StopTimer() {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
         auto done = std::make_shared<std::promise<void>>();
-        m_stopFutures.push_back(done->get_future());
+        m_stopFutures.push_back(done->get_future().share());
         boost::asio::post(m_task->GetStrand(), [self, done] {
             self->m_StopTimer();
             done->set_value();
@@ -96,13 +96,24 @@ bool TCCIMAlarm::IsActive() {
 }
 
 void TCCIMAlarm::Join() {
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    for (std::future<void>& stopped : m_stopFutures) {
+    std::list<std::shared_future<void>> pending;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        pending = m_stopFutures;
+    }
+    // Waited for without the lock: the task's thread may request a stop of
+    // its own meanwhile (from OnTimer or a handler), and must not block on it.
+    for (const std::shared_future<void>& stopped : pending) {
         // wait(), not get(): a stop whose post failed leaves a broken promise,
         // which must not turn Join into a throw.
         stopped.wait();
     }
-    m_stopFutures.clear();
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    // Stops are carried out in the order requested.
+    while (!m_stopFutures.empty() &&
+           m_stopFutures.front().wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+        m_stopFutures.pop_front();
+    }
 }
 
 TICIMAlarmObserver* TCCIMAlarm::GetObserver() const {
