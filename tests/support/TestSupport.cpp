@@ -79,20 +79,18 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
-LogCapture::LogCapture() : m_path(m_dir.File("log.txt")) {
-    const char* previous = std::getenv("CIM_LOG_OUTPUT");
-    m_hadPrevious = previous != nullptr;
-    m_previous = previous ? previous : "";
-    ::setenv("CIM_LOG_OUTPUT", ("file:" + m_path).c_str(), 1);
+ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value)
+    : m_setting(setting), m_previous(cimhost::GetSetting(setting)) {
+    cimhost::SetSetting(setting, value);
 }
 
-LogCapture::~LogCapture() {
-    if (m_hadPrevious) {
-        ::setenv("CIM_LOG_OUTPUT", m_previous.c_str(), 1);
-    } else {
-        ::unsetenv("CIM_LOG_OUTPUT");
-    }
+ScopedHostSetting::~ScopedHostSetting() {
+    cimhost::SetSetting(m_setting, m_previous);
 }
+
+LogCapture::LogCapture()
+    : m_path(m_dir.File("log.txt")),
+      m_output(cimhost::EHostSetting::LOG_OUTPUT, "file:" + m_path) {}
 
 std::vector<std::string> LogCapture::Lines() const {
     std::vector<std::string> lines;

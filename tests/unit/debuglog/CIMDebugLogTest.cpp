@@ -121,7 +121,7 @@ TEST_F(DebugLogTest, FailuresKeepWhatCouldBeChanged) {
 
     // A refused tag keeps its level; the others are changed and saved.
     TCCIMDebugLog debugLog(m_path, m_supported);
-    cimtest::ScopedEnv refuse("CIM_DLOG_REFUSE", "CI_CAM,CI_TRUST_APP");
+    cimtest::ScopedHostSetting refuse(cimhost::EHostSetting::DLOG_REFUSE, "CI_CAM,CI_TRUST_APP");
     EXPECT_FALSE(debugLog.ChangeLevel("CI_CAM", kOn));
     EXPECT_FALSE(cimtest::Exists(m_path));
     m_log.Clear();
