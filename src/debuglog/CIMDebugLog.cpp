@@ -4,9 +4,15 @@
 
 #include "debug_menu.h"
 
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <ostream>
 #include <sstream>
+
+#include <ext/stdio_filebuf.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace CIM {
 namespace {
@@ -15,6 +21,46 @@ constexpr const char* kSource = "CIMDebugLog.cpp";
 constexpr const char* kAssertPath = "src/debuglog/CIMDebugLog.cpp";
 // The doubled slash is part of the device's path as it has always been.
 constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
+
+// Reads the whole file into `content`. Only a regular file counts: a
+// directory, a FIFO (which would block) or a device is as unreadable as a
+// missing file, and so is a read error half-way.
+bool ReadRegularFile(const std::string& path, std::string& content) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat info;
+    bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    char chunk[4096];
+    while (ok) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            ok = got == 0;
+            break;
+        }
+        content.append(chunk, size_t(got));
+    }
+    ::close(fd);
+    return ok;
+}
+
+// Opens the file truncated for writing, created with the process's default
+// permissions, or gives -1. Never waits: a FIFO without a reader fails to
+// open instead of blocking until one comes.
+int OpenForWritingWithoutWaiting(const std::string& path) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
 
 }  // namespace
 
@@ -150,12 +196,10 @@ int TCCIMDebugLog::m_StopDlogTag(const std::string& tag) {
 }
 
 void TCCIMDebugLog::m_Load() {
-    std::ifstream in(m_filePath, std::ios::binary);
-    if (!in.is_open()) {
+    std::string content;
+    if (!ReadRegularFile(m_filePath, content)) {
         return;
     }
-    const std::string content((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
     m_LoadFromString(content);
 }
 
@@ -205,23 +249,22 @@ std::string TCCIMDebugLog::m_ToString() const {
 }
 
 void TCCIMDebugLog::m_Save() {
-    std::ofstream out(m_filePath, std::ios::binary | std::ios::trunc);
-    if (!out.is_open()) {
+    const int fd = OpenForWritingWithoutWaiting(m_filePath);
+    if (fd < 0) {
         return;  // deliberately silent: the caller is not told either
     }
+    __gnu_cxx::stdio_filebuf<char> file(fd, std::ios::out | std::ios::binary);  // closes fd
+    std::ostream out(&file);
     out << m_ToString();
     bool failed = true;
     if (!out) {
         Log::Info(kSource, __func__, __LINE__, "Write failed!");
     } else if (!out.flush()) {
         Log::Info(kSource, __func__, __LINE__, "Flush failed!");
+    } else if (file.close() == nullptr) {
+        Log::Info(kSource, __func__, __LINE__, "Close failed!");
     } else {
-        out.close();
-        if (!out) {
-            Log::Info(kSource, __func__, __LINE__, "Close failed!");
-        } else {
-            failed = false;
-        }
+        failed = false;
     }
     if (failed) {
         Log::Error(kSource, __func__, __LINE__, "Error while writing to the file %s",
