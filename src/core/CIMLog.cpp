@@ -66,5 +66,17 @@ void AssertFailed(const char* expression, const char* path, unsigned long line,
     std::fflush(stdout);
 }
 
+void AssertFailedWithMessage(const char* expression, const char* path, unsigned long line,
+                             const char* function, const char* format, ...) {
+    char message[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    _TCCIMAssert(expression, path, line, "%s", message);
+    std::printf("ASSERT!, Func:%s\n", function);
+    std::fflush(stdout);
+}
+
 }  // namespace Log
 }  // namespace CIM

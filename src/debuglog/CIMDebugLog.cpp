@@ -18,7 +18,7 @@ namespace CIM {
 namespace {
 
 constexpr const char* kSource = "CIMDebugLog.cpp";
-constexpr const char* kAssertPath = "src/debuglog/CIMDebugLog.cpp";
+constexpr const char* kSourcePath = "src/debuglog/CIMDebugLog";
 // The doubled slash is part of the device's path as it has always been.
 constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
 
@@ -115,7 +115,7 @@ bool TCCIMDebugLog::ChangeLevel(const std::string& tag, ECIMLogLevel level) noex
 bool TCCIMDebugLog::ChangeLevel(ECIMLogLevel level) noexcept {
     Log::Info(kSource, __func__, __LINE__, "level[%s]", LogLevelToString(level).c_str());
     if (level == ECIMLogLevel::LOG_LVL_INVALID) {
-        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kSourcePath, __LINE__,
                           __func__);
         return false;
     }
@@ -158,12 +158,12 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
               LogLevelToString(level).c_str());
     const auto found = m_debugLevels.find(tag);
     if (found == m_debugLevels.end()) {
-        Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kAssertPath,
+        Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kSourcePath,
                           __LINE__, __func__);
         return false;
     }
     if (level == ECIMLogLevel::LOG_LVL_INVALID) {
-        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kSourcePath, __LINE__,
                           __func__);
         return false;
     }

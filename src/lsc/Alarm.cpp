@@ -9,6 +9,10 @@
 #include <sys/prctl.h>
 
 namespace {
+constexpr const char* kSourcePath = "src/lsc/Alarm";
+}  // namespace
+
+namespace {
 
 // The system refuses so small a stack, so the default one applies.
 constexpr unsigned long kAlarmStackSize = 512;

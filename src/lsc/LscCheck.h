@@ -7,9 +7,10 @@
 
 #include <cstring>
 
-// Evaluates to whether `cond` holds; reports `text` when it does not.
+// Evaluates to whether `cond` holds; reports `text` when it does not. The
+// including file defines kSourcePath (see CIMLog.h).
 #define CIM_LSC_EXPECT(cond, text) \
-    ((cond) ? true : (CIM::Log::AssertFailed((text), __FILE__, __LINE__, __func__), false))
+    ((cond) ? true : (CIM::Log::AssertFailed((text), kSourcePath, __LINE__, __func__), false))
 
 // The same, reporting the condition as written.
 #define CIM_LSC_CHECK(cond) CIM_LSC_EXPECT(cond, #cond)

@@ -3,6 +3,10 @@
 #include "LscCheck.h"
 
 namespace {
+constexpr const char* kSourcePath = "src/lsc/Queue";
+}  // namespace
+
+namespace {
 
 int NextSlot(int slot) {
     return (slot + 1) % TCQueue::kSlots;

@@ -7,6 +7,10 @@
 #include <cstring>
 #include <new>
 
+namespace {
+constexpr const char* kSourcePath = "src/lsc/Task";
+}  // namespace
+
 // ---- TCHandler -----------------------------------------------------------------
 
 TCHandler::TCHandler() : m_created(0), m_task(nullptr) {}

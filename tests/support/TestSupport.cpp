@@ -125,9 +125,10 @@ void LogCapture::Clear() {
 }
 
 AssertRecorder::AssertRecorder() {
-    CIM::testing::SetAssertHook([this](const char* expression, const char*, unsigned long) {
+    CIM::testing::SetAssertHook([this](const char* expression, const char* path, unsigned long) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_expressions.emplace_back(expression ? expression : "");
+        m_paths.emplace_back(path ? path : "");
     });
 }
 
@@ -138,6 +139,11 @@ AssertRecorder::~AssertRecorder() {
 std::vector<std::string> AssertRecorder::Expressions() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_expressions;
+}
+
+std::vector<std::string> AssertRecorder::Paths() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_paths;
 }
 
 size_t AssertRecorder::Count() const {

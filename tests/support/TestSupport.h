@@ -95,11 +95,14 @@ public:
     AssertRecorder& operator=(const AssertRecorder&) = delete;
 
     std::vector<std::string> Expressions() const;
+    // The source each report named, in the same order.
+    std::vector<std::string> Paths() const;
     size_t Count() const;
 
 private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_expressions;  // guarded by m_mutex
+    std::vector<std::string> m_paths;        // guarded by m_mutex
 };
 
 }  // namespace cimtest

@@ -109,7 +109,7 @@ TEST_F(DebugLogTest, RequestsThatChangeNothingCallAndSaveNothing) {
     cimtest::AssertRecorder asserts;
     EXPECT_FALSE(debugLog.ChangeLevel("NOT_A_TAG", kOn));
     EXPECT_FALSE(debugLog.ChangeLevel(ECIMLogLevel::LOG_LVL_INVALID));
-    EXPECT_EQ(asserts.Count(), 2u);
+    EXPECT_EQ(asserts.Paths(), std::vector<std::string>(2, "src/debuglog/CIMDebugLog"));
     EXPECT_EQ(debugLog.m_ToString(), "");
     EXPECT_EQ(File(), "UNTOUCHED");
     EXPECT_EQ(m_log.Count("dlog tag") + m_log.Count("saved"), 0u);
