@@ -88,8 +88,7 @@ bool TCCIMIpConnectionUdp::ConnectMulticast(const MultiCastDescriptor& descripto
         m_socket.close(ignored);
         throw;
     }
-    // Marked connected before any membership: if one fails, Disconnect still
-    // closes the socket.
+    // SHARP-EDGE: marked connected before any membership; if none was taken, Disconnect throws.
     t_connected = true;
 
     const ip::address_v4 group = ip::make_address_v4(descriptor.group);

@@ -249,6 +249,7 @@ std::string TCCIMDebugLog::m_ToString() const {
 }
 
 void TCCIMDebugLog::m_Save() {
+    // SHARP-EDGE: rewritten in place without a lock; concurrent writers must serialise.
     const int fd = OpenForWritingWithoutWaiting(m_filePath);
     if (fd < 0) {
         return;  // deliberately silent: the caller is not told either

@@ -41,7 +41,7 @@ bool TCQueue::Destroy() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    // Queued events go without releasing their synchronous senders.
+    // SHARP-EDGE: queued events go without releasing their synchronous senders, who wait for ever.
     Lock();
     m_items.Destroy();
     m_tail = 0;

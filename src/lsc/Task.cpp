@@ -30,6 +30,7 @@ bool TCHandler::Destroy() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
+    // SHARP-EDGE: does not wait for this handler's event already running on the task.
     const bool removed = m_task->TCQueue::Delete(this, nullptr);
     m_created.store(0);
     return removed;
@@ -275,6 +276,7 @@ bool TCTask::ExecuteEvent() {
     TCHandler* receiver = event.receiver;
     // The event of a handler destroyed meanwhile is dropped; its sender,
     // if any, was released by that handler's Destroy.
+    // SHARP-EDGE: one taken just before that Destroy is dropped unreleased (sender waits).
     if (receiver != nullptr && receiver->FlagCreate()) {
         receiver->t_OnEvent(&event);
         if (event.replySem != nullptr) {
@@ -330,6 +332,7 @@ bool TCTask::t_OnClearQueue(const TSEvent* event) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
+    // SHARP-EDGE: every queued event of the task's own handler goes, a queued exit included.
     return TCQueue::Delete(static_cast<const TCHandler*>(this), nullptr);
 }
 

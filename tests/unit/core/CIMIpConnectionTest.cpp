@@ -10,6 +10,7 @@
 
 #include <boost/asio/steady_timer.hpp>
 
+#include <cstdio>
 #include <list>
 #include <memory>
 #include <random>
@@ -150,6 +151,29 @@ TEST(CIMIpConnection, OverlappingTimedReadsNeverOutliveTheConnection) {
 TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
     OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(150, 7);
     OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(150, 11);
+}
+
+// A ConnectMulticast that fails after the socket was marked connected leaves
+// an object whose Disconnect throws (there is no group to leave) and whose
+// destructor therefore ends the process.
+TEST(CIMIpConnection, FailedMulticastConnectLeavesADisconnectThatThrows) {
+    EXPECT_DEATH(
+        {
+            cimtest::TestTask task;
+            auto* udp = new CIM::TCCIMIpConnectionUdp(task.Get());
+            try {
+                udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}});
+            } catch (const boost::system::system_error&) {
+            }
+            try {
+                udp->Disconnect();
+            } catch (const boost::system::system_error&) {
+                std::fprintf(stderr, "Disconnect threw while connected [%d]\n",
+                             int(udp->IsConnected()));
+            }
+            delete udp;
+        },
+        "Disconnect threw while connected \\[1\\]");
 }
 
 }  // namespace
