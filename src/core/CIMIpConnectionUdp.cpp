@@ -1,5 +1,7 @@
 #include <cimcore/CIMIpConnectionUdp.h>
 
+#include "CIMIpConnectionImpl.h"
+
 #include <boost/asio/ip/multicast.hpp>
 
 #include <netinet/in.h>
