@@ -97,6 +97,15 @@ protected:
 private:
     using ConnectPromise = std::promise<boost::system::error_code>;
 
+    // The steps of Connect, in its order. The two starts begin an
+    // asynchronous connect when a time-out is given; by address without one
+    // the connect is complete and m_StartConnectByAddress returns true.
+    void m_StartConnectByName(const UniCastDescriptor& descriptor, unsigned char timeoutSeconds,
+                              const std::weak_ptr<ConnectPromise>& weakPromise);
+    bool m_StartConnectByAddress(const UniCastDescriptor& descriptor, unsigned char timeoutSeconds,
+                                 const std::weak_ptr<ConnectPromise>& weakPromise);
+    bool m_AwaitConnect(std::future<boost::system::error_code>& future,
+                        unsigned char timeoutSeconds);
     bool m_SetSocketOptions(const UniCastDescriptor& descriptor);
     void m_OnConnect(const std::weak_ptr<ConnectPromise>& promise,
                      const boost::system::error_code& error);

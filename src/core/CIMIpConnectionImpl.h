@@ -72,70 +72,12 @@ bool TCCIMIpConnection<Protocol>::Connect(const UniCastDescriptor& descriptor,
         // late connect handler finds the promise gone.
         auto promise = std::make_shared<ConnectPromise>();
         std::future<boost::system::error_code> future = promise->get_future();
-        const std::weak_ptr<ConnectPromise> weakPromise = promise;
-
         if (descriptor.destinationType == HOSTNAME) {
-            typename Protocol::resolver resolver(m_task->GetIoContext());
-            const auto endpoints =
-                resolver.resolve(descriptor.destination, std::to_string(descriptor.port),
-                                 Protocol::resolver::address_configured);
-            Log::Info(kFile, "Connect", 104, "%s", "Hostname resolved");
-            // Deliberately before any socket is opened: on a fresh connection
-            // the address-reuse option fails with a bad descriptor and
-            // Connect returns false. Callers rely on this order.
-            m_SetSocketOptions(descriptor);
-            if (timeoutSeconds != 0) {
-                Log::Info(kFile, "Connect", 110, "%s", "Start async connection.");
-                boost::asio::async_connect(
-                    m_socket, endpoints,
-                    [this, weakPromise](const boost::system::error_code& error,
-                                        const typename Protocol::endpoint&) {
-                        m_OnConnect(weakPromise, error);
-                    });
-            } else {
-                Log::Info(kFile, "Connect", 118, "%s", "Start connection.");
-                boost::asio::connect(m_socket, endpoints);
-                t_connected = true;
-            }
-        } else {
-            m_socket.open(t_CreateProtocol(descriptor.destinationType == IPv6));
-            Log::Info(kFile, "Connect", 124, "%s", "Socket opened");
-            m_SetSocketOptions(descriptor);
-            const typename Protocol::endpoint endpoint(
-                boost::asio::ip::make_address(descriptor.destination), descriptor.port);
-            if (timeoutSeconds != 0) {
-                Log::Info(kFile, "Connect", 129, "%s", "Start async connection.");
-                m_socket.async_connect(endpoint,
-                                       [this, weakPromise](const boost::system::error_code& error) {
-                                           m_OnConnect(weakPromise, error);
-                                       });
-            } else {
-                Log::Info(kFile, "Connect", 135, "%s", "Start connection.");
-                m_socket.connect(endpoint);
-                Log::Info(kFile, "Connect", 137, "%s", "Socket connected successfuly.");
-                t_connected = true;
-                return t_connected;
-            }
+            m_StartConnectByName(descriptor, timeoutSeconds, promise);
+        } else if (m_StartConnectByAddress(descriptor, timeoutSeconds, promise)) {
+            return t_connected;
         }
-
-        if (timeoutSeconds != 0 &&
-            future.wait_for(std::chrono::seconds(timeoutSeconds)) != std::future_status::ready) {
-            Log::Info(kFile, "Connect", 145, "%s", "Connection timeout. Socket cancel.");
-            boost::system::error_code ignored;
-            m_socket.cancel(ignored);
-            // Ends early once the cancelled handler has run.
-            future.wait_for(std::chrono::seconds(3));
-        }
-        if (!t_connected) {
-            Log::Info(kFile, "Connect", 152, "%s", "Socket close if open.");
-            if (m_socket.is_open()) {
-                boost::system::error_code ignored;
-                m_socket.close(ignored);
-            }
-        } else {
-            Log::Info(kFile, "Connect", 158, "%s", "Socket connected successfuly.");
-        }
-        return t_connected;
+        return m_AwaitConnect(future, timeoutSeconds);
     } catch (const std::exception& error) {
         Log::Info(kFile, "Connect", 162, "Exception [%s]", error.what());
         // A failed connect leaves the socket closed, so the object can be
@@ -146,6 +88,82 @@ bool TCCIMIpConnection<Protocol>::Connect(const UniCastDescriptor& descriptor,
         }
         return false;
     }
+}
+
+template <typename Protocol>
+void TCCIMIpConnection<Protocol>::m_StartConnectByName(
+    const UniCastDescriptor& descriptor, unsigned char timeoutSeconds,
+    const std::weak_ptr<ConnectPromise>& weakPromise) {
+    using IpConnectionDetail::kFile;
+    typename Protocol::resolver resolver(m_task->GetIoContext());
+    const auto endpoints = resolver.resolve(descriptor.destination, std::to_string(descriptor.port),
+                                            Protocol::resolver::address_configured);
+    Log::Info(kFile, "Connect", 104, "%s", "Hostname resolved");
+    // Deliberately before any socket is opened: on a fresh connection the
+    // address-reuse option fails with a bad descriptor and Connect returns
+    // false. Callers rely on this order.
+    m_SetSocketOptions(descriptor);
+    if (timeoutSeconds != 0) {
+        Log::Info(kFile, "Connect", 110, "%s", "Start async connection.");
+        boost::asio::async_connect(m_socket, endpoints,
+                                   [this, weakPromise](const boost::system::error_code& error,
+                                                       const typename Protocol::endpoint&) {
+                                       m_OnConnect(weakPromise, error);
+                                   });
+    } else {
+        Log::Info(kFile, "Connect", 118, "%s", "Start connection.");
+        boost::asio::connect(m_socket, endpoints);
+        t_connected = true;
+    }
+}
+
+template <typename Protocol>
+bool TCCIMIpConnection<Protocol>::m_StartConnectByAddress(
+    const UniCastDescriptor& descriptor, unsigned char timeoutSeconds,
+    const std::weak_ptr<ConnectPromise>& weakPromise) {
+    using IpConnectionDetail::kFile;
+    m_socket.open(t_CreateProtocol(descriptor.destinationType == IPv6));
+    Log::Info(kFile, "Connect", 124, "%s", "Socket opened");
+    m_SetSocketOptions(descriptor);
+    const typename Protocol::endpoint endpoint(
+        boost::asio::ip::make_address(descriptor.destination), descriptor.port);
+    if (timeoutSeconds != 0) {
+        Log::Info(kFile, "Connect", 129, "%s", "Start async connection.");
+        m_socket.async_connect(endpoint,
+                               [this, weakPromise](const boost::system::error_code& error) {
+                                   m_OnConnect(weakPromise, error);
+                               });
+        return false;
+    }
+    Log::Info(kFile, "Connect", 135, "%s", "Start connection.");
+    m_socket.connect(endpoint);
+    Log::Info(kFile, "Connect", 137, "%s", "Socket connected successfuly.");
+    t_connected = true;
+    return true;
+}
+
+template <typename Protocol>
+bool TCCIMIpConnection<Protocol>::m_AwaitConnect(std::future<boost::system::error_code>& future,
+                                                 unsigned char timeoutSeconds) {
+    using IpConnectionDetail::kFile;
+    if (timeoutSeconds != 0 &&
+        future.wait_for(std::chrono::seconds(timeoutSeconds)) != std::future_status::ready) {
+        Log::Info(kFile, "Connect", 145, "%s", "Connection timeout. Socket cancel.");
+        boost::system::error_code ignored;
+        m_socket.cancel(ignored);
+        // Ends early once the cancelled handler has run.
+        future.wait_for(std::chrono::seconds(3));
+    }
+    if (!t_connected) {
+        Log::Info(kFile, "Connect", 152, "%s", "Socket close if open.");
+        if (m_socket.is_open()) {
+            boost::system::error_code ignored;
+            m_socket.close(ignored);
+        }
+    } else {
+        Log::Info(kFile, "Connect", 158, "%s", "Socket connected successfuly.");
+    }
+    return t_connected;
 }
 
 template <typename Protocol>
