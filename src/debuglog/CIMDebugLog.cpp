@@ -19,8 +19,6 @@ namespace {
 
 constexpr const char* kSource = "CIMDebugLog.cpp";
 constexpr const char* kSourcePath = "src/debuglog/CIMDebugLog";
-// The doubled slash is part of the device's path as it has always been.
-constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
 
 // Reads the whole file into `content`. Only a regular file counts: a
 // directory, a FIFO (which would block) or a device is as unreadable as a
@@ -81,7 +79,7 @@ std::list<std::string> GetSupportedCILogTags() {
 }
 
 TCCIMDebugLog::TCCIMDebugLog() noexcept
-    : TCCIMDebugLog(kDefaultFilePath, GetSupportedCILogTags()) {}
+    : TCCIMDebugLog(kDefaultLogConfigurationPath, GetSupportedCILogTags()) {}
 
 TCCIMDebugLog::TCCIMDebugLog(const std::string& filePath,
                              const std::list<std::string>& tags) noexcept

@@ -124,17 +124,12 @@ void LogCapture::Clear() {
     WriteFile(m_path, "");
 }
 
-AssertRecorder::AssertRecorder() {
-    CIM::testing::SetAssertHook([this](const char* expression, const char* path, unsigned long) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_expressions.emplace_back(expression ? expression : "");
-        m_paths.emplace_back(path ? path : "");
-    });
-}
-
-AssertRecorder::~AssertRecorder() {
-    CIM::testing::SetAssertHook(nullptr);
-}
+AssertRecorder::AssertRecorder()
+    : m_hook([this](const char* expression, const char* path, unsigned long) {
+          std::lock_guard<std::mutex> lock(m_mutex);
+          m_expressions.emplace_back(expression ? expression : "");
+          m_paths.emplace_back(path ? path : "");
+      }) {}
 
 std::vector<std::string> AssertRecorder::Expressions() const {
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -5,6 +5,8 @@
 
 #include "HostControl.h"
 
+#include <cimcore/testing.h>
+
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -90,7 +92,6 @@ private:
 class AssertRecorder {
 public:
     AssertRecorder();
-    ~AssertRecorder();
     AssertRecorder(const AssertRecorder&) = delete;
     AssertRecorder& operator=(const AssertRecorder&) = delete;
 
@@ -103,6 +104,7 @@ private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_expressions;  // guarded by m_mutex
     std::vector<std::string> m_paths;        // guarded by m_mutex
+    CIM::testing::ScopedAssertHook m_hook;   // last: set once the rest is built
 };
 
 }  // namespace cimtest

@@ -23,8 +23,6 @@ constexpr int kChanged = 0;
 constexpr int kUnchanged = 1;
 constexpr int kUsage = 2;
 
-constexpr const char* kDefaultFile = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
-
 void Help() {
     std::printf(
         "usage: cim-logctl [--file PATH] [--verbose] COMMAND\n"
@@ -48,7 +46,7 @@ void Help() {
         "\n"
         "exit status: 0 something changed (or list), 1 nothing changed or the file\n"
         "could not be written, 2 usage error (bad argument, unknown tag).\n",
-        kDefaultFile);
+        CIM::kDefaultLogConfigurationPath);
 }
 
 int UsageError(const std::string& message) {
@@ -119,7 +117,7 @@ bool IsSupportedTag(const std::string& tag) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string file = kDefaultFile;
+    std::string file = CIM::kDefaultLogConfigurationPath;
     bool verbose = false;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
