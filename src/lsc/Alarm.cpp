@@ -153,16 +153,9 @@ bool TCAlarm::OnAlarm(const TSEvent* event) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    bool result = false;
-    if (m_before && m_before(event)) {
-        result = true;
-    } else {
-        result = t_OnAlarm(event);
-    }
-    if (m_after) {
-        result = m_after(event) || result;
-    }
-    return result;
+    return RunCallbackChain([&] { return m_before && m_before(event); },
+                            [&] { return t_OnAlarm(event); },
+                            [&] { return m_after && m_after(event); });
 }
 
 unsigned long TCAlarm::Period() const {

@@ -23,4 +23,14 @@ inline void CopyName(char* target, size_t size, const char* source) {
     std::memset(target + length, 0, size - length);
 }
 
+// The callback chain of tasks and alarms. `before` and `after` return false
+// when there is no callback. A before callback that returns true stands in
+// for the hook; the after callback always runs and can only add a true.
+template <typename Before, typename Hook, typename After>
+bool RunCallbackChain(const Before& before, const Hook& hook, const After& after) {
+    const bool result = before() || hook();
+    const bool afterResult = after();
+    return result || afterResult;
+}
+
 #endif

@@ -351,17 +351,11 @@ bool TCTask::m_RunWithCallbacks(int index, const TSEvent* event,
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    bool result;
-    if (m_before[index] != nullptr && m_before[index](event, m_context[index])) {
-        result = true;  // the before callback handled it: the hook is skipped
-    } else {
-        result = (this->*hook)(event);
-    }
-    if (m_after[index] != nullptr) {
-        const bool afterResult = m_after[index](event, m_context[index]);
-        result = result || afterResult;
-    }
-    return result;
+    const void* context = m_context[index];
+    return RunCallbackChain(
+        [&] { return m_before[index] != nullptr && m_before[index](event, context); },
+        [&] { return (this->*hook)(event); },
+        [&] { return m_after[index] != nullptr && m_after[index](event, context); });
 }
 
 bool TCTask::OnPing(const TSEvent* event) {
