@@ -10,6 +10,8 @@
 #include "HostControl.h"
 #include "HostTags.h"
 
+#include <cimcore/internal/CIMFormat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -137,20 +139,9 @@ LogFile& TheLogFile() {
 
 std::string FormatMessage(const char* fmt, va_list args) {
     char small[512];
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(small, sizeof small, fmt, copy);
-    va_end(copy);
-    if (needed < 0) {
-        return std::string();
-    }
-    if (size_t(needed) < sizeof small) {
-        return std::string(small, size_t(needed));
-    }
-    std::string text(size_t(needed) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), fmt, args);
-    text.resize(size_t(needed));
-    return text;
+    std::string large;
+    const char* text = CIM::FormatV(small, sizeof small, large, fmt, args);
+    return text == nullptr ? std::string() : text == large.c_str() ? std::move(large) : text;
 }
 
 // The process and thread ids cost a system call each; they are kept, and
