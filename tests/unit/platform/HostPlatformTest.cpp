@@ -129,17 +129,23 @@ TEST(HostLog, DestinationSwitchedWhileThreadsLog) {
     cimtest::TempDir dir;
     const std::string second = dir.File("second.log");
     std::atomic<bool> stop(false);
+    std::atomic<long> logged(0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([t, &stop] {
+        threads.emplace_back([t, &stop, &logged] {
             for (int i = 0; !stop; ++i) {
                 __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_SW", "%d:%d:end", t, i);
+                ++logged;
             }
         });
     }
     const std::string outputs[] = {"file:" + second, "none", "file:" + first.Path()};
     for (int round = 0; round < 300; ++round) {
         cimhost::SetSetting(cimhost::EHostSetting::LOG_OUTPUT, outputs[round % 3]);
+        // A few lines under each destination before the next switch.
+        for (const long seen = logged; logged < seen + 3;) {
+            std::this_thread::yield();
+        }
     }
     stop = true;
     for (std::thread& thread : threads) {
