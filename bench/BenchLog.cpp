@@ -3,6 +3,8 @@
 
 #include <cimcore/internal/CIMLog.h>
 
+#include "HostControl.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -25,14 +27,14 @@ std::string TempLog() {
 
 double LibraryLog(long n) {
     const std::string path = TempLog();
-    const std::string previous = std::getenv("CIM_LOG_OUTPUT") ? std::getenv("CIM_LOG_OUTPUT") : "";
-    ::setenv("CIM_LOG_OUTPUT", ("file:" + path).c_str(), 1);
+    const std::string previous = cimhost::GetSetting(cimhost::EHostSetting::LOG_OUTPUT);
+    cimhost::SetSetting(cimhost::EHostSetting::LOG_OUTPUT, "file:" + path);
     const auto start = std::chrono::steady_clock::now();
     for (long i = 0; i < n; ++i) {
         CIM::Log::Info("Bench.cpp", "LibraryLog", 1, "event %ld handled in %d ms", i, 3);
     }
     const double seconds = SecondsSince(start);
-    ::setenv("CIM_LOG_OUTPUT", previous.c_str(), 1);
+    cimhost::SetSetting(cimhost::EHostSetting::LOG_OUTPUT, previous);
     ::unlink(path.c_str());
     return seconds;
 }

@@ -27,8 +27,17 @@ void Error(const char* file, const char* function, int line, const char* format,
 // An assertion site: the report through _TCCIMAssert, then the
 // "ASSERT!, Func:%s\n" line on standard output. The caller decides how to go
 // on if the report returns.
+//
+// `path` names the source as the repository-relative path without extension
+// ("src/lsc/Queue"): every site passes its file's kSourcePath constant, never
+// __FILE__, which would carry the build machine's folders into the binary.
 void AssertFailed(const char* expression, const char* path, unsigned long line,
                   const char* function);
+
+// The same, with a message that the report writes after the condition.
+void AssertFailedWithMessage(const char* expression, const char* path, unsigned long line,
+                             const char* function, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 }  // namespace Log
 }  // namespace CIM

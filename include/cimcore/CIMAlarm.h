@@ -147,8 +147,8 @@ private:
     boost::function<void()> m_handler;
     EAlarmType m_alarmType;
     std::string m_alarmName;
-    boost::shared_ptr<Timer> m_timer;            // task's loop only
-    std::list<std::future<void>> m_stopFutures;  // guarded by m_mutex
+    boost::shared_ptr<Timer> m_timer;                   // task's loop only
+    std::list<std::shared_future<void>> m_stopFutures;  // guarded by m_mutex
     std::recursive_mutex m_mutex;
 };
 

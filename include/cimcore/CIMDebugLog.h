@@ -19,6 +19,11 @@ CIM_EXPORT std::string LogLevelToString(ECIMLogLevel level);
 // The nine tags of the stack, built fresh on each call, in the stack's order.
 CIM_EXPORT std::list<std::string> GetSupportedCILogTags();
 
+// The device's configuration file, which the default constructor uses. The
+// doubled slash is part of the device's path as it has always been.
+inline constexpr char kDefaultLogConfigurationPath[] =
+    "/opt/data/ci-module/data//ci_log_configuration_data.txt";
+
 // Keeps one level per tag in `m_debugLevels` (walked in the map's byte order
 // of names) and the set of enabled tags in the file `m_filePath`.
 //

@@ -4,12 +4,12 @@
 //
 //   CIM_APP_ID=APPID and CIM_APP_EXTRA_<KEY>=<VALUE> for each key.
 //
-// CIM_APPCONTROL_FAIL=create|add|appid|send|destroy (a comma list, read at
-// each call) makes those calls fail, for fault tests.
+// CIM_APPCONTROL_FAIL=create|add|appid|send|destroy (a comma list, read once;
+// see HostControl.h) makes those calls fail, for fault tests.
 #include "app_control.h"
 
 #include "DesktopEntry.h"
-#include "HostTags.h"
+#include "HostControl.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -39,7 +39,7 @@ namespace {
 constexpr const char* kExtraPrefix = "CIM_APP_EXTRA_";
 
 bool Injected(const char* point) {
-    return EnvListContains("CIM_APPCONTROL_FAIL", point);
+    return SettingListContains(EHostSetting::APPCONTROL_FAIL, point);
 }
 
 bool IsRegularFile(const std::string& path) {

@@ -1,10 +1,9 @@
 // Host debug-menu library: records which tags are stopped, in this process.
 #include "debug_menu.h"
 
+#include "HostControl.h"
 #include "HostTags.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <set>
 
@@ -22,7 +21,7 @@ std::set<std::string>& StoppedTags() {  // guarded by TagMutex()
 }
 
 int Switch(const char* tag, bool stopped) {
-    if (tag == nullptr || *tag == '\0' || EnvListContains("CIM_DLOG_REFUSE", tag)) {
+    if (tag == nullptr || *tag == '\0' || SettingListContains(EHostSetting::DLOG_REFUSE, tag)) {
         return -1;
     }
     SetTagStopped(tag, stopped);
@@ -43,25 +42,6 @@ void SetTagStopped(const std::string& tag, bool stopped) {
         StoppedTags().insert(tag);
     } else {
         StoppedTags().erase(tag);
-    }
-}
-
-bool EnvListContains(const char* variable, const char* name) {
-    const char* list = std::getenv(variable);
-    if (list == nullptr || name == nullptr) {
-        return false;
-    }
-    const size_t length = std::strlen(name);
-    for (const char* entry = list;; ++entry) {
-        const char* end = std::strchr(entry, ',');
-        const size_t entryLength = end ? size_t(end - entry) : std::strlen(entry);
-        if (entryLength == length && std::strncmp(entry, name, length) == 0) {
-            return true;
-        }
-        if (end == nullptr) {
-            return false;
-        }
-        entry = end;
     }
 }
 

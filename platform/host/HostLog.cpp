@@ -1,13 +1,16 @@
-// Host platform log: one line per call, written with a single write(2) so
-// that lines of concurrent threads never interleave.
+// Host platform log: one line per call, and lines of concurrent threads never
+// interleave, whatever their length.
 //
 //   MM-DD HH:MM:SS.mmm P/TAG(PID:TID): message
 //
-// CIM_LOG_OUTPUT picks the destination at each call: unset or "stderr",
-// "file:PATH" (appended), "syslog" or "none".
+// CIM_LOG_OUTPUT picks the destination, read once (HostControl.h): unset or
+// "stderr", "file:PATH" (appended), "syslog" or "none".
 #include "dlog.h"
 
+#include "HostControl.h"
 #include "HostTags.h"
+
+#include <cimcore/internal/CIMFormat.h>
 
 #include <atomic>
 #include <cerrno>
@@ -82,14 +85,22 @@ bool WriteAll(int fd, const char* data, size_t size) {
     return true;
 }
 
-// The log file stays open while CIM_LOG_OUTPUT names the same path, and is
-// reopened when it was removed or renamed away (a rotated log); that is
-// checked once a second, not at every line.
+// A write to a pipe is atomic only up to PIPE_BUF (4096 bytes) and a longer
+// one may be split and continued: lines of this process go out one at a time.
+bool WriteWholeLineToStderr(const std::string& line) {
+    static std::mutex* mutex = new std::mutex;  // never destroyed: threads may log during exit
+    std::lock_guard<std::mutex> lock(*mutex);
+    return WriteAll(STDERR_FILENO, line.data(), line.size());
+}
+
+// The log file stays open while the destination names the same path, and is
+// reopened when PATH no longer names it (removed, or renamed away by log
+// rotation); that is checked once a second, not at every line.
 class LogFile {
 public:
     bool Append(const char* path, const std::string& line, time_t now) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_fd < 0 || m_path != path || (now != m_checked && IsUnlinked())) {
+        if (m_fd < 0 || m_path != path || (now != m_checked && !IsStillAt(path))) {
             Reopen(path);
         }
         m_checked = now;
@@ -98,9 +109,10 @@ public:
 
 private:
     // requires m_mutex held
-    bool IsUnlinked() const {
-        struct stat info;
-        return ::fstat(m_fd, &info) != 0 || info.st_nlink == 0;
+    bool IsStillAt(const char* path) const {
+        struct stat open, named;
+        return ::fstat(m_fd, &open) == 0 && open.st_nlink > 0 && ::stat(path, &named) == 0 &&
+               open.st_dev == named.st_dev && open.st_ino == named.st_ino;
     }
 
     // requires m_mutex held
@@ -127,20 +139,9 @@ LogFile& TheLogFile() {
 
 std::string FormatMessage(const char* fmt, va_list args) {
     char small[512];
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(small, sizeof small, fmt, copy);
-    va_end(copy);
-    if (needed < 0) {
-        return std::string();
-    }
-    if (size_t(needed) < sizeof small) {
-        return std::string(small, size_t(needed));
-    }
-    std::string text(size_t(needed) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), fmt, args);
-    text.resize(size_t(needed));
-    return text;
+    std::string large;
+    const char* text = CIM::FormatV(small, sizeof small, large, fmt, args);
+    return text == nullptr ? std::string() : text == large.c_str() ? std::move(large) : text;
 }
 
 // The process and thread ids cost a system call each; they are kept, and
@@ -195,8 +196,10 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     if (cimhost::IsTagStopped(tag)) {
         return 0;
     }
-    const char* output = std::getenv("CIM_LOG_OUTPUT");
-    if (output != nullptr && std::strcmp(output, "none") == 0) {
+    const std::shared_ptr<const std::string> destination =
+        cimhost::SharedSetting(cimhost::EHostSetting::LOG_OUTPUT);
+    const char* output = destination->c_str();
+    if (std::strcmp(output, "none") == 0) {
         return 0;
     }
 
@@ -208,7 +211,7 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
         message.pop_back();
     }
 
-    if (output != nullptr && std::strcmp(output, "syslog") == 0) {
+    if (std::strcmp(output, "syslog") == 0) {
         ::syslog(SyslogLevel(prio), "%s %s", tag, message.c_str());
         return int(message.size());
     }
@@ -219,8 +222,8 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     line += message;
     line += '\n';
 
-    const bool written = (output != nullptr && std::strncmp(output, "file:", 5) == 0)
+    const bool written = std::strncmp(output, "file:", 5) == 0
                              ? TheLogFile().Append(output + 5, line, now.tv_sec)
-                             : WriteAll(STDERR_FILENO, line.data(), line.size());
+                             : WriteWholeLineToStderr(line);
     return written ? int(line.size()) : -1;
 }

@@ -10,10 +10,6 @@ namespace cimhost {
 bool IsTagStopped(const char* tag);
 void SetTagStopped(const std::string& tag, bool stopped);
 
-// True when `name` is one of the comma-separated entries of the environment
-// variable `variable` (read at each call, so tests may change it).
-bool EnvListContains(const char* variable, const char* name);
-
 }  // namespace cimhost
 
 #endif

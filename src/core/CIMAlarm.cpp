@@ -13,7 +13,7 @@ namespace CIM {
 namespace {
 
 constexpr const char* kFile = "CIMAlarm.cpp";
-constexpr const char* kPath = "src/core/CIMAlarm";
+constexpr const char* kSourcePath = "src/core/CIMAlarm";
 
 std::chrono::nanoseconds PeriodOf(int periodMs) {
     return std::chrono::nanoseconds(static_cast<int64_t>(periodMs) * 1000000);
@@ -50,7 +50,7 @@ TCCIMAlarm::~TCCIMAlarm() {
     Join();
     // No request or wait holds the alarm any more, so m_active is settled.
     if (m_active) {
-        Log::AssertFailed("m_active == false", kPath, 74, "~TCCIMAlarm");
+        Log::AssertFailed("m_active == false", kSourcePath, 74, "~TCCIMAlarm");
     }
 }
 
@@ -68,7 +68,7 @@ void TCCIMAlarm::StopTimer() {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
         auto done = std::make_shared<std::promise<void>>();
-        m_stopFutures.push_back(done->get_future());
+        m_stopFutures.push_back(done->get_future().share());
         boost::asio::post(m_task->GetStrand(), [self, done] {
             self->m_StopTimer();
             done->set_value();
@@ -96,13 +96,24 @@ bool TCCIMAlarm::IsActive() {
 }
 
 void TCCIMAlarm::Join() {
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    for (std::future<void>& stopped : m_stopFutures) {
+    std::list<std::shared_future<void>> pending;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        pending = m_stopFutures;
+    }
+    // Waited for without the lock: the task's thread may request a stop of
+    // its own meanwhile (from OnTimer or a handler), and must not block on it.
+    for (const std::shared_future<void>& stopped : pending) {
         // wait(), not get(): a stop whose post failed leaves a broken promise,
         // which must not turn Join into a throw.
         stopped.wait();
     }
-    m_stopFutures.clear();
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    // Stops are carried out in the order requested.
+    while (!m_stopFutures.empty() &&
+           m_stopFutures.front().wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+        m_stopFutures.pop_front();
+    }
 }
 
 TICIMAlarmObserver* TCCIMAlarm::GetObserver() const {
@@ -143,7 +154,7 @@ void TCCIMAlarm::m_SetTimer(int periodMs) {
                 break;
             default:
                 // Left active with an idle timer, as reported.
-                Log::AssertFailed("0", kPath, 236, "m_SetTimer");
+                Log::AssertFailed("0", kSourcePath, 236, "m_SetTimer");
                 return;
         }
     } catch (const std::exception& error) {
@@ -185,7 +196,8 @@ void TCCIMAlarm::m_HandleTimerCountOnce(boost::shared_ptr<Timer>& timer,
         if (m_alarmObserver) {
             m_alarmObserver->OnTimer(shared_from_this());
         } else {
-            Log::AssertFailed("m_alarmObserver != __null", kPath, 290, "m_HandleTimerCountOnce");
+            Log::AssertFailed("m_alarmObserver != __null", kSourcePath, 290,
+                              "m_HandleTimerCountOnce");
         }
     } catch (const std::exception& error) {
         Log::Error(kFile, "m_HandleTimerCountOnce", 295, "%s", error.what());
@@ -211,7 +223,7 @@ void TCCIMAlarm::m_HandleTimerCountInfinity(boost::shared_ptr<Timer>& timer, int
         if (m_alarmObserver) {
             m_alarmObserver->OnTimer(self);
         } else {
-            Log::AssertFailed("m_alarmObserver != nullptr", kPath, 328,
+            Log::AssertFailed("m_alarmObserver != nullptr", kSourcePath, 328,
                               "m_HandleTimerCountInfinity");
         }
     } catch (const std::exception& error) {

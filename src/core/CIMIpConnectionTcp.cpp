@@ -1,5 +1,7 @@
 #include <cimcore/CIMIpConnectionTcp.h>
 
+#include "CIMIpConnectionImpl.h"
+
 namespace CIM {
 
 template class TCCIMIpConnection<boost::asio::ip::tcp>;

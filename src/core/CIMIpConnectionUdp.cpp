@@ -1,5 +1,7 @@
 #include <cimcore/CIMIpConnectionUdp.h>
 
+#include "CIMIpConnectionImpl.h"
+
 #include <boost/asio/ip/multicast.hpp>
 
 #include <netinet/in.h>
@@ -88,8 +90,7 @@ bool TCCIMIpConnectionUdp::ConnectMulticast(const MultiCastDescriptor& descripto
         m_socket.close(ignored);
         throw;
     }
-    // Marked connected before any membership: if one fails, Disconnect still
-    // closes the socket.
+    // SHARP-EDGE: marked connected before any membership; if none was taken, Disconnect throws.
     t_connected = true;
 
     const ip::address_v4 group = ip::make_address_v4(descriptor.group);

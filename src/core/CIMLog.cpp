@@ -1,6 +1,7 @@
 #include <cimcore/internal/CIMLog.h>
 
 #include <cimcore/CIMDebug.h>
+#include <cimcore/internal/CIMFormat.h>
 
 #include "dlog.h"
 
@@ -17,22 +18,11 @@ constexpr const char* kTag = "CI_CORE";
 void WriteV(int priority, const char* file, const char* function, int line, const char* format,
             va_list args) {
     char small[768];
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(small, sizeof small, format, copy);
-    va_end(copy);
-    if (needed < 0) {
-        return;
+    std::string large;
+    const char* message = FormatV(small, sizeof small, large, format, args);
+    if (message != nullptr) {
+        __dlog_print(LOG_ID_MAIN, priority, kTag, "%s: %s(%d) > %s", file, function, line, message);
     }
-    if (size_t(needed) < sizeof small) {
-        __dlog_print(LOG_ID_MAIN, priority, kTag, "%s: %s(%d) > %s", file, function, line, small);
-        return;
-    }
-    std::string message(size_t(needed) + 1, '\0');
-    std::vsnprintf(&message[0], message.size(), format, args);
-    message.resize(size_t(needed));
-    __dlog_print(LOG_ID_MAIN, priority, kTag, "%s: %s(%d) > %s", file, function, line,
-                 message.c_str());
 }
 
 }  // namespace
@@ -62,6 +52,19 @@ void Error(const char* file, const char* function, int line, const char* format,
 void AssertFailed(const char* expression, const char* path, unsigned long line,
                   const char* function) {
     _TCCIMAssert(expression, path, line);
+    std::printf("ASSERT!, Func:%s\n", function);
+    std::fflush(stdout);
+}
+
+void AssertFailedWithMessage(const char* expression, const char* path, unsigned long line,
+                             const char* function, const char* format, ...) {
+    char small[512];
+    std::string large;
+    va_list args;
+    va_start(args, format);
+    const char* message = FormatV(small, sizeof small, large, format, args);
+    va_end(args);
+    _TCCIMAssert(expression, path, line, "%s", message != nullptr ? message : "");
     std::printf("ASSERT!, Func:%s\n", function);
     std::fflush(stdout);
 }

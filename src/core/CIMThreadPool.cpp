@@ -5,6 +5,10 @@
 
 #include <boost/asio/post.hpp>
 
+namespace {
+constexpr const char* kSourcePath = "src/core/CIMThreadPool";
+}  // namespace
+
 namespace CIM {
 
 TCThreadPool::TCThreadPool(const std::string& /*name*/, unsigned int threadCount)
@@ -18,7 +22,7 @@ TCThreadPool::TCThreadPool(const std::string& /*name*/, unsigned int threadCount
 
 TCThreadPool::~TCThreadPool() {
     if (m_work) {
-        Log::AssertFailed("!m_work", "src/core/CIMThreadPool", 57, "~TCThreadPool");
+        Log::AssertFailed("!m_work", kSourcePath, 57, "~TCThreadPool");
     }
     // The members go in reverse order: the ids, then the workers (detached if
     // never joined), then the guard, the strand and the loop.

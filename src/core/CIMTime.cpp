@@ -11,6 +11,10 @@
 #include <boost/date_time/posix_time/conversion.hpp>
 #include <boost/thread/thread.hpp>
 
+namespace {
+constexpr const char* kSourcePath = "src/core/CIMTime";
+}  // namespace
+
 int64_t gTimeOffset = 0;
 pthread_mutex_t TimeMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -98,7 +102,7 @@ void TCCIMTime::Sleep(unsigned long milliseconds) {
 unsigned long TCCIMTime::Tick() {
     const clock_t t = ::times(nullptr);
     if (t == (clock_t)-1) {
-        Log::AssertFailed("t != (clock_t) -1", "src/core/CIMTime.cpp", 193, "Tick");
+        Log::AssertFailed("t != (clock_t) -1", kSourcePath, 193, "Tick");
         return 0;
     }
     // Dividing first is deliberate: at 100 ticks per second each tick counts

@@ -4,17 +4,61 @@
 
 #include "debug_menu.h"
 
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <ostream>
 #include <sstream>
+
+#include <ext/stdio_filebuf.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace CIM {
 namespace {
 
 constexpr const char* kSource = "CIMDebugLog.cpp";
-constexpr const char* kAssertPath = "src/debuglog/CIMDebugLog.cpp";
-// The doubled slash is part of the device's path as it has always been.
-constexpr const char* kDefaultFilePath = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
+constexpr const char* kSourcePath = "src/debuglog/CIMDebugLog";
+
+// Reads the whole file into `content`. Only a regular file counts: a
+// directory, a FIFO (which would block) or a device is as unreadable as a
+// missing file, and so is a read error half-way.
+bool ReadRegularFile(const std::string& path, std::string& content) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat info;
+    bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    char chunk[4096];
+    while (ok) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            ok = got == 0;
+            break;
+        }
+        content.append(chunk, size_t(got));
+    }
+    ::close(fd);
+    return ok;
+}
+
+// Opens the file truncated for writing, created with the process's default
+// permissions, or gives -1. Never waits: a FIFO without a reader fails to
+// open instead of blocking until one comes.
+int OpenForWritingWithoutWaiting(const std::string& path) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
 
 }  // namespace
 
@@ -35,7 +79,7 @@ std::list<std::string> GetSupportedCILogTags() {
 }
 
 TCCIMDebugLog::TCCIMDebugLog() noexcept
-    : TCCIMDebugLog(kDefaultFilePath, GetSupportedCILogTags()) {}
+    : TCCIMDebugLog(kDefaultLogConfigurationPath, GetSupportedCILogTags()) {}
 
 TCCIMDebugLog::TCCIMDebugLog(const std::string& filePath,
                              const std::list<std::string>& tags) noexcept
@@ -69,7 +113,7 @@ bool TCCIMDebugLog::ChangeLevel(const std::string& tag, ECIMLogLevel level) noex
 bool TCCIMDebugLog::ChangeLevel(ECIMLogLevel level) noexcept {
     CIM_LOG_INFO_HERE(kSource, __func__, "level[%s]", LogLevelToString(level).c_str());
     if (level == ECIMLogLevel::LOG_LVL_INVALID) {
-        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kSourcePath, __LINE__,
                           __func__);
         return false;
     }
@@ -112,12 +156,12 @@ bool TCCIMDebugLog::m_ChangeLevel(const std::string& tag, ECIMLogLevel level) {
                       LogLevelToString(level).c_str());
     const auto found = m_debugLevels.find(tag);
     if (found == m_debugLevels.end()) {
-        Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kAssertPath,
+        Log::AssertFailed("m_debugLevels.find( tag ) != m_debugLevels.end( )", kSourcePath,
                           __LINE__, __func__);
         return false;
     }
     if (level == ECIMLogLevel::LOG_LVL_INVALID) {
-        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kAssertPath, __LINE__,
+        Log::AssertFailed("level != ECIMLogLevel::LOG_LVL_INVALID", kSourcePath, __LINE__,
                           __func__);
         return false;
     }
@@ -150,12 +194,10 @@ int TCCIMDebugLog::m_StopDlogTag(const std::string& tag) {
 }
 
 void TCCIMDebugLog::m_Load() {
-    std::ifstream in(m_filePath, std::ios::binary);
-    if (!in.is_open()) {
+    std::string content;
+    if (!ReadRegularFile(m_filePath, content)) {
         return;
     }
-    const std::string content((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
     m_LoadFromString(content);
 }
 
@@ -205,23 +247,23 @@ std::string TCCIMDebugLog::m_ToString() const {
 }
 
 void TCCIMDebugLog::m_Save() {
-    std::ofstream out(m_filePath, std::ios::binary | std::ios::trunc);
-    if (!out.is_open()) {
+    // SHARP-EDGE: rewritten in place without a lock; concurrent writers must serialise.
+    const int fd = OpenForWritingWithoutWaiting(m_filePath);
+    if (fd < 0) {
         return;  // deliberately silent: the caller is not told either
     }
+    __gnu_cxx::stdio_filebuf<char> file(fd, std::ios::out | std::ios::binary);  // closes fd
+    std::ostream out(&file);
     out << m_ToString();
     bool failed = true;
     if (!out) {
         CIM_LOG_INFO_HERE(kSource, __func__, "Write failed!");
     } else if (!out.flush()) {
         CIM_LOG_INFO_HERE(kSource, __func__, "Flush failed!");
+    } else if (file.close() == nullptr) {
+        CIM_LOG_INFO_HERE(kSource, __func__, "Close failed!");
     } else {
-        out.close();
-        if (!out) {
-            CIM_LOG_INFO_HERE(kSource, __func__, "Close failed!");
-        } else {
-            failed = false;
-        }
+        failed = false;
     }
     if (failed) {
         CIM_LOG_ERROR_HERE(kSource, __func__, "Error while writing to the file %s",

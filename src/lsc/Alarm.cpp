@@ -10,6 +10,10 @@
 #include <sys/prctl.h>
 
 namespace {
+constexpr const char* kSourcePath = "src/lsc/Alarm";
+}  // namespace
+
+namespace {
 
 // The system refuses so small a stack, so the default one applies.
 constexpr unsigned long kAlarmStackSize = 512;
@@ -150,16 +154,9 @@ bool TCAlarm::OnAlarm(const TSEvent* event) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    bool result = false;
-    if (m_before && m_before(event)) {
-        result = true;
-    } else {
-        result = t_OnAlarm(event);
-    }
-    if (m_after) {
-        result = m_after(event) || result;
-    }
-    return result;
+    return RunCallbackChain([&] { return m_before && m_before(event); },
+                            [&] { return t_OnAlarm(event); },
+                            [&] { return m_after && m_after(event); });
 }
 
 unsigned long TCAlarm::Period() const {

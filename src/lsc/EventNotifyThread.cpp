@@ -2,6 +2,10 @@
 
 #include "LscCheck.h"
 
+namespace {
+constexpr const char* kSourcePath = "src/lsc/EventNotifyThread";
+}  // namespace
+
 TCEventNotifyThread::TCEventNotifyThread()
     : m_queue(nullptr), m_semaphore(nullptr), m_timeout(0), m_stop(false), m_running(false) {}
 

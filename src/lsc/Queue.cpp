@@ -4,6 +4,10 @@
 #include "MutexGuard.h"
 
 namespace {
+constexpr const char* kSourcePath = "src/lsc/Queue";
+}  // namespace
+
+namespace {
 
 int NextSlot(int slot) {
     return (slot + 1) % TCQueue::kSlots;
@@ -38,7 +42,7 @@ bool TCQueue::Destroy() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    // Queued events go without releasing their synchronous senders.
+    // SHARP-EDGE: queued events go without releasing their synchronous senders, who wait for ever.
     Lock();
     m_items.Destroy();
     m_tail = 0;

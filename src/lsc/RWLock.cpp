@@ -1,8 +1,7 @@
 #include <cimcore/internal/lsc/RWLock.h>
 
-#include <cimcore/CIMDebug.h>
+#include <cimcore/internal/CIMLog.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -12,22 +11,7 @@
 
 namespace {
 
-// An assertion site whose report carries a message (written to standard
-// error by the report itself).
-void Report(const char* expression, unsigned long line, const char* function, const char* format,
-            ...) __attribute__((format(printf, 4, 5)));
-
-void Report(const char* expression, unsigned long line, const char* function, const char* format,
-            ...) {
-    char message[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(message, sizeof message, format, args);
-    va_end(args);
-    CIM::_TCCIMAssert(expression, __FILE__, line, "%s", message);
-    std::printf("ASSERT!, Func:%s\n", function);
-    std::fflush(stdout);
-}
+constexpr const char* kSourcePath = "src/lsc/RWLock";
 
 struct ErrorText {
     explicit ErrorText(int code) : text(::strerror_r(code, buffer, sizeof buffer)) {}
@@ -40,19 +24,22 @@ struct ErrorText {
 TCRWLock::TCRWLock() : m_readCountKey(), m_lock(), m_attr(), m_writer(0), m_writeCount(0) {
     int ret = ::pthread_key_create(&m_readCountKey, nullptr);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "TCRWLock", "pthread_key_create = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "TCRWLock",
+                                          "pthread_key_create = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
     ret = ::pthread_rwlockattr_init(&m_attr);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "TCRWLock", "pthread_rwlockattr_init = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "TCRWLock",
+                                          "pthread_rwlockattr_init = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
     ret = ::pthread_rwlock_init(&m_lock, &m_attr);
     if (ret != 0) {
         ::pthread_rwlockattr_destroy(&m_attr);
-        Report("ret == 0", __LINE__, "TCRWLock", "pthread_rwlock_init = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "TCRWLock",
+                                          "pthread_rwlock_init = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
 }
 
@@ -62,18 +49,21 @@ TCRWLock::~TCRWLock() {
     ::pthread_setspecific(m_readCountKey, nullptr);
     int ret = ::pthread_key_delete(m_readCountKey);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "~TCRWLock", "pthread_key_delete = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "~TCRWLock",
+                                          "pthread_key_delete = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
     ret = ::pthread_rwlock_destroy(&m_lock);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "~TCRWLock", "pthread_rwlock_destroy = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "~TCRWLock",
+                                          "pthread_rwlock_destroy = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
     ret = ::pthread_rwlockattr_destroy(&m_attr);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "~TCRWLock", "pthread_rwlockattr_destroy = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "~TCRWLock",
+                                          "pthread_rwlockattr_destroy = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
 }
 
@@ -88,8 +78,9 @@ bool TCRWLock::RLock() {
     }
     const int ret = ::pthread_rwlock_rdlock(&m_lock);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "RLock", "pthread_rwlock_rdlock = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "RLock",
+                                          "pthread_rwlock_rdlock = %d, %s\n", ret,
+                                          ErrorText(ret).text);
         return false;
     }
     if (count == nullptr) {
@@ -118,8 +109,9 @@ bool TCRWLock::RUnlock() {
     }
     const int ret = ::pthread_rwlock_unlock(&m_lock);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "RUnlock", "pthread_rwlock_unlock = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "RUnlock",
+                                          "pthread_rwlock_unlock = %d, %s\n", ret,
+                                          ErrorText(ret).text);
     }
     *count = 0;
     return true;
@@ -134,14 +126,16 @@ bool TCRWLock::WLock() {
     if (pCount != nullptr && *pCount > 0) {
         // Waiting for the write lock while holding a read lock would wait
         // for ever on ourselves.
-        Report("*pCount == 0", __LINE__, "WLock",
-               "Cannot acquire Wlock, thread have already %u Rlock(s)\n", *pCount);
+        CIM::Log::AssertFailedWithMessage("*pCount == 0", kSourcePath, __LINE__, "WLock",
+                                          "Cannot acquire Wlock, thread have already %u Rlock(s)\n",
+                                          *pCount);
         return false;
     }
     const int ret = ::pthread_rwlock_wrlock(&m_lock);
     if (ret != 0) {
-        Report("ret == 0", __LINE__, "WLock", "pthread_rwlock_wrlock = %d, %s\n", ret,
-               ErrorText(ret).text);
+        CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "WLock",
+                                          "pthread_rwlock_wrlock = %d, %s\n", ret,
+                                          ErrorText(ret).text);
         return false;
     }
     m_writer = ::pthread_self();
@@ -159,8 +153,9 @@ bool TCRWLock::WUnlock() {
         m_writer = 0;
         const int ret = ::pthread_rwlock_unlock(&m_lock);
         if (ret != 0) {
-            Report("ret == 0", __LINE__, "WUnlock", "pthread_rwlock_unlock = %d, %s\n", ret,
-                   ErrorText(ret).text);
+            CIM::Log::AssertFailedWithMessage("ret == 0", kSourcePath, __LINE__, "WUnlock",
+                                              "pthread_rwlock_unlock = %d, %s\n", ret,
+                                              ErrorText(ret).text);
         }
         return true;
     }

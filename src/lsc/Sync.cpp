@@ -14,6 +14,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+namespace {
+constexpr const char* kSourcePath = "src/lsc/Sync";
+}  // namespace
+
 TCSyncDet::PTSyncDetInfo* TCSyncDet::m_arrPCSyncDet = nullptr;
 TCMutex* TCSyncDet::m_pLock = nullptr;
 

@@ -8,6 +8,10 @@
 #include <cstring>
 #include <new>
 
+namespace {
+constexpr const char* kSourcePath = "src/lsc/Task";
+}  // namespace
+
 // ---- TCHandler -----------------------------------------------------------------
 
 TCHandler::TCHandler() : m_created(0), m_task(nullptr) {}
@@ -27,6 +31,7 @@ bool TCHandler::Destroy() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
+    // SHARP-EDGE: does not wait for this handler's event already running on the task.
     const bool removed = m_task->TCQueue::Delete(this, nullptr);
     m_created.store(0);
     return removed;
@@ -272,6 +277,7 @@ bool TCTask::ExecuteEvent() {
     TCHandler* receiver = event.receiver;
     // The event of a handler destroyed meanwhile is dropped; its sender,
     // if any, was released by that handler's Destroy.
+    // SHARP-EDGE: one taken just before that Destroy is dropped unreleased (sender waits).
     if (receiver != nullptr && receiver->FlagCreate()) {
         receiver->t_OnEvent(&event);
         if (event.replySem != nullptr) {
@@ -327,6 +333,7 @@ bool TCTask::t_OnClearQueue(const TSEvent* event) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
+    // SHARP-EDGE: every queued event of the task's own handler goes, a queued exit included.
     return TCQueue::Delete(static_cast<const TCHandler*>(this), nullptr);
 }
 
@@ -345,17 +352,11 @@ bool TCTask::m_RunWithCallbacks(int index, const TSEvent* event,
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    bool result;
-    if (m_before[index] != nullptr && m_before[index](event, m_context[index])) {
-        result = true;  // the before callback handled it: the hook is skipped
-    } else {
-        result = (this->*hook)(event);
-    }
-    if (m_after[index] != nullptr) {
-        const bool afterResult = m_after[index](event, m_context[index]);
-        result = result || afterResult;
-    }
-    return result;
+    const void* context = m_context[index];
+    return RunCallbackChain(
+        [&] { return m_before[index] != nullptr && m_before[index](event, context); },
+        [&] { return (this->*hook)(event); },
+        [&] { return m_after[index] != nullptr && m_after[index](event, context); });
 }
 
 bool TCTask::OnPing(const TSEvent* event) {

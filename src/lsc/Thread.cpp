@@ -17,6 +17,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+namespace {
+constexpr const char* kSourcePath = "src/lsc/Thread";
+}  // namespace
+
 struct TCSemaphore::Block {
     pthread_cond_t condition;
     int32_t count;
@@ -109,7 +113,7 @@ TCSemaphore::Block* TCSemaphore::m_LockedBlock(TimeLock& lock, const char* funct
     Block* block = m_block.load();
     if (block == nullptr) {
         lock.Unlock();
-        CIM::Log::AssertFailed("FlagCreate() == true", __FILE__, __LINE__, function);
+        CIM::Log::AssertFailed("FlagCreate() == true", kSourcePath, __LINE__, function);
     }
     return block;
 }
@@ -309,9 +313,8 @@ bool TCThread::Create(const char* threadname, unsigned long stackSize) {
     const int result = pthread_create(&id, &attributes, &TCThread::_Process, this);
     pthread_attr_destroy(&attributes);
     if (result != 0) {
-        CIM::_TCCIMAssert("0", __FILE__, __LINE__, "TCThread not created: errno = %d\n", result);
-        std::printf("ASSERT!, Func:%s\n", __func__);
-        std::fflush(stdout);
+        CIM::Log::AssertFailedWithMessage("0", kSourcePath, __LINE__, __func__,
+                                          "TCThread not created: errno = %d\n", result);
         m_startSync.Destroy();
         m_endSync.Destroy();
         m_pidSync.Destroy();

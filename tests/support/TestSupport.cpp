@@ -79,20 +79,18 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
-LogCapture::LogCapture() : m_path(m_dir.File("log.txt")) {
-    const char* previous = std::getenv("CIM_LOG_OUTPUT");
-    m_hadPrevious = previous != nullptr;
-    m_previous = previous ? previous : "";
-    ::setenv("CIM_LOG_OUTPUT", ("file:" + m_path).c_str(), 1);
+ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value)
+    : m_setting(setting), m_previous(cimhost::GetSetting(setting)) {
+    cimhost::SetSetting(setting, value);
 }
 
-LogCapture::~LogCapture() {
-    if (m_hadPrevious) {
-        ::setenv("CIM_LOG_OUTPUT", m_previous.c_str(), 1);
-    } else {
-        ::unsetenv("CIM_LOG_OUTPUT");
-    }
+ScopedHostSetting::~ScopedHostSetting() {
+    cimhost::SetSetting(m_setting, m_previous);
 }
+
+LogCapture::LogCapture()
+    : m_path(m_dir.File("log.txt")),
+      m_output(cimhost::EHostSetting::LOG_OUTPUT, "file:" + m_path) {}
 
 std::vector<std::string> LogCapture::Lines() const {
     std::vector<std::string> lines;
@@ -126,20 +124,21 @@ void LogCapture::Clear() {
     WriteFile(m_path, "");
 }
 
-AssertRecorder::AssertRecorder() {
-    CIM::testing::SetAssertHook([this](const char* expression, const char*, unsigned long) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_expressions.emplace_back(expression ? expression : "");
-    });
-}
-
-AssertRecorder::~AssertRecorder() {
-    CIM::testing::SetAssertHook(nullptr);
-}
+AssertRecorder::AssertRecorder()
+    : m_hook([this](const char* expression, const char* path, unsigned long) {
+          std::lock_guard<std::mutex> lock(m_mutex);
+          m_expressions.emplace_back(expression ? expression : "");
+          m_paths.emplace_back(path ? path : "");
+      }) {}
 
 std::vector<std::string> AssertRecorder::Expressions() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_expressions;
+}
+
+std::vector<std::string> AssertRecorder::Paths() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_paths;
 }
 
 size_t AssertRecorder::Count() const {

@@ -3,6 +3,10 @@
 #ifndef CIMCORE_TESTS_TESTSUPPORT_H
 #define CIMCORE_TESTS_TESTSUPPORT_H
 
+#include "HostControl.h"
+
+#include <cimcore/testing.h>
+
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -50,12 +54,23 @@ private:
     bool m_had;
 };
 
-// Sends the platform log to a fresh file for its lifetime (CIM_LOG_OUTPUT)
-// and reads it back. Create it before starting threads that log.
+// Changes a host platform setting for its lifetime, then restores it.
+class ScopedHostSetting {
+public:
+    ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value);
+    ~ScopedHostSetting();
+    ScopedHostSetting(const ScopedHostSetting&) = delete;
+    ScopedHostSetting& operator=(const ScopedHostSetting&) = delete;
+
+private:
+    cimhost::EHostSetting m_setting;
+    std::string m_previous;
+};
+
+// Sends the platform log to a fresh file for its lifetime and reads it back.
 class LogCapture {
 public:
     LogCapture();
-    ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -70,24 +85,26 @@ public:
 private:
     TempDir m_dir;
     std::string m_path;
-    std::string m_previous;
-    bool m_hadPrevious;
+    ScopedHostSetting m_output;
 };
 
 // Installs an assertion hook for its lifetime and records the reports.
 class AssertRecorder {
 public:
     AssertRecorder();
-    ~AssertRecorder();
     AssertRecorder(const AssertRecorder&) = delete;
     AssertRecorder& operator=(const AssertRecorder&) = delete;
 
     std::vector<std::string> Expressions() const;
+    // The source each report named, in the same order.
+    std::vector<std::string> Paths() const;
     size_t Count() const;
 
 private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_expressions;  // guarded by m_mutex
+    std::vector<std::string> m_paths;        // guarded by m_mutex
+    CIM::testing::ScopedAssertHook m_hook;   // last: set once the rest is built
 };
 
 }  // namespace cimtest

@@ -6,8 +6,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -22,9 +26,11 @@ protected:
     // Without CIM_LOG_OUTPUT the tool keeps the library's log quiet.
     LogctlTest() { ::unsetenv("CIM_LOG_OUTPUT"); }
 
-    Result Run(const std::string& arguments) {
+    Result Run(const std::string& arguments) { return RunOn(m_file, arguments); }
+    // The exit status is -1 when the tool did not exit (killed, aborted).
+    Result RunOn(const std::string& file, const std::string& arguments) {
         const std::string out = m_dir.File("stdout"), err = m_dir.File("stderr");
-        const int status = std::system((std::string(CIM_LOGCTL_PATH) + " --file " + m_file + " " +
+        const int status = std::system((std::string(CIM_LOGCTL_PATH) + " --file " + file + " " +
                                         arguments + " >" + out + " 2>" + err)
                                            .c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, cimtest::ReadFile(out),
@@ -86,6 +92,42 @@ TEST_F(LogctlTest, UsageErrorsExitWithTwoAndOneLineOnStandardError) {
     EXPECT_EQ(help.status, 0);
     EXPECT_LE(std::count(help.out.begin(), help.out.end(), '\n'), 24);
     EXPECT_NE(help.out.find("toggle-all"), std::string::npos);
+}
+
+// Four runs at once on one file, switching different tags: every run sees a
+// whole configuration and reports its own change, and the file ends with all
+// four changes and nothing else. A folder given as the file lists all off.
+TEST_F(LogctlTest, ConcurrentRunsTakeTurnsAndUnreadablePathsListAllOff) {
+    const char* tags[] = {"CI_APPLICATION", "CI_CAM", "CI_CAM_IMPL", "CI_API"};
+    for (int round = 0; round < 12; ++round) {
+        SCOPED_TRACE(round);
+        const bool on = round % 2 == 0;
+        std::vector<pid_t> runs;
+        for (const char* tag : tags) {
+            const char* argv[] = {CIM_LOGCTL_PATH,   "--file", m_file.c_str(),
+                                  on ? "on" : "off", tag,      nullptr};
+            posix_spawn_file_actions_t actions;
+            posix_spawn_file_actions_init(&actions);
+            posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+            pid_t pid = -1;
+            EXPECT_EQ(::posix_spawn(&pid, argv[0], &actions, nullptr,
+                                    const_cast<char* const*>(argv), environ),
+                      0);
+            posix_spawn_file_actions_destroy(&actions);
+            runs.push_back(pid);
+        }
+        for (const pid_t pid : runs) {
+            int status = -1;
+            ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        }
+        EXPECT_EQ(cimtest::ReadFile(m_file), on ? "CI_API CI_APPLICATION CI_CAM CI_CAM_IMPL" : "");
+    }
+
+    const Result folder = RunOn(m_dir.Path(), "list");
+    EXPECT_EQ(folder.status, 0);
+    EXPECT_EQ(std::count(folder.out.begin(), folder.out.end(), '\n'), 9) << folder.out;
+    EXPECT_EQ(folder.out.find(" ON\n"), std::string::npos) << folder.out;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // and switches them, one or all, through the library's log configuration.
 #include <cimcore/CIMDebugLog.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,13 +12,16 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 constexpr int kChanged = 0;
 constexpr int kUnchanged = 1;
 constexpr int kUsage = 2;
-
-constexpr const char* kDefaultFile = "/opt/data/ci-module/data//ci_log_configuration_data.txt";
 
 void Help() {
     std::printf(
@@ -42,7 +46,7 @@ void Help() {
         "\n"
         "exit status: 0 something changed (or list), 1 nothing changed or the file\n"
         "could not be written, 2 usage error (bad argument, unknown tag).\n",
-        kDefaultFile);
+        CIM::kDefaultLogConfigurationPath);
 }
 
 int UsageError(const std::string& message) {
@@ -67,10 +71,53 @@ bool FileHolds(const std::string& path, const std::string& expected) {
     return content == expected;
 }
 
+// Holds an advisory lock on the configuration file from the load to the
+// read-back, so that runs on one file take turns: the class rewrites the file
+// in place without a lock, and two runs at once would mix their texts and
+// lose each other's changes. Only files are locked; anything else is left to
+// fail in the class.
+class ConfigurationLock {
+public:
+    ConfigurationLock(const std::string& path, bool exclusive) {
+        // A change creates the file it locks; an empty file reads as a
+        // missing one. A listing creates nothing.
+        const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (exclusive ? O_CREAT : 0);
+        do {
+            m_fd = ::open(path.c_str(), flags, 0666);
+        } while (m_fd < 0 && errno == EINTR);
+        struct stat info;
+        if (m_fd >= 0 && (::fstat(m_fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+            ::close(m_fd);
+            m_fd = -1;
+        }
+        while (m_fd >= 0 && ::flock(m_fd, exclusive ? LOCK_EX : LOCK_SH) != 0 && errno == EINTR) {
+        }
+    }
+    ~ConfigurationLock() {
+        if (m_fd >= 0) {
+            ::close(m_fd);  // releases the lock
+        }
+    }
+    ConfigurationLock(const ConfigurationLock&) = delete;
+    ConfigurationLock& operator=(const ConfigurationLock&) = delete;
+
+private:
+    int m_fd = -1;
+};
+
+bool IsSupportedTag(const std::string& tag) {
+    for (const std::string& supported : CIM::GetSupportedCILogTags()) {
+        if (supported == tag) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string file = kDefaultFile;
+    std::string file = CIM::kDefaultLogConfigurationPath;
     bool verbose = false;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
@@ -112,6 +159,17 @@ int main(int argc, char** argv) {
                           (expectedWords == 1 ? "no argument" : "one argument"));
     }
 
+    if (command == "all" && words[1] != "on" && words[1] != "off") {
+        return UsageError("'all' takes on or off, not '" + words[1] + "'");
+    }
+    // An unknown tag would be a broken contract inside the library. The file
+    // can only name supported tags, so they are all there is.
+    if (command != "list" && command != "all" && command != "toggle-all" &&
+        !IsSupportedTag(words[1])) {
+        return UsageError("unknown tag '" + words[1] + "'");
+    }
+
+    const ConfigurationLock lock(file, command != "list");
     CIM::TCCIMDebugLog debugLog(file, CIM::GetSupportedCILogTags());
     const std::map<std::string, CIM::ECIMLogLevel> before = debugLog.GetLevels();
     if (command == "list") {
@@ -120,18 +178,11 @@ int main(int argc, char** argv) {
     }
 
     if (command == "all") {
-        if (words[1] != "on" && words[1] != "off") {
-            return UsageError("'all' takes on or off, not '" + words[1] + "'");
-        }
         debugLog.ChangeLevel(words[1] == "on" ? CIM::ECIMLogLevel::LOG_LVL_ON
                                               : CIM::ECIMLogLevel::LOG_LVL_OFF);
     } else if (command == "toggle-all") {
         debugLog.ToggleLog();
     } else {
-        // An unknown tag would be a broken contract inside the library.
-        if (before.count(words[1]) == 0) {
-            return UsageError("unknown tag '" + words[1] + "'");
-        }
         if (command == "toggle") {
             debugLog.ToggleTag(words[1]);
         } else {

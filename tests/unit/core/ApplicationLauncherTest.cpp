@@ -104,7 +104,8 @@ TEST_F(LauncherTest, InjectedPlatformFailuresGiveTheDocumentedResults) {
         SCOPED_TRACE(fail);
         m_log.Clear();
         {
-            const cimtest::ScopedEnv failing("CIM_APPCONTROL_FAIL", std::string("unused,") + fail);
+            const cimtest::ScopedHostSetting failing(cimhost::EHostSetting::APPCONTROL_FAIL,
+                                                     std::string("unused,") + fail);
             CIM::ApplicationLauncher launcher;
             EXPECT_EQ(launcher.AddParameter("KEY", "value"), added);
             EXPECT_EQ(launcher.LaunchApplication("cim.test.app"), launched);

@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <optional>
 #include <regex>
 #include <sstream>
 
@@ -60,14 +61,14 @@ TEST_F(CIMDebugDeathTest, ReportLogsWritesTheConsoleAndDiesBySegfault) {
     cimtest::LogCapture log;
     cimtest::TempDir dir;
     const std::string console = dir.File("console");
-    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    std::optional<cimtest::ScopedEnv> consolePath(std::in_place, "CIM_CONSOLE_PATH", console);
     EXPECT_EXIT(
         {
             ::prctl(PR_SET_NAME, "asserter", 0, 0, 0);
             CIM::_TCCIMAssert("x == 1", "src/a.cpp", 42, "extra %d text", 7);
         },
         ::testing::KilledBySignal(SIGSEGV), "extra 7 text");
-    ::unsetenv("CIM_CONSOLE_PATH");
+    consolePath.reset();
 
     EXPECT_GE(CheckReportLog(log), 2u);  // at least the report's frame and its caller
 
@@ -89,10 +90,10 @@ TEST_F(CIMDebugDeathTest, UnwritableConsoleStillLogsAndDies) {
     cimtest::LogCapture log;
     cimtest::TempDir dir;
     const std::string console = dir.File("missing/console");
-    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    std::optional<cimtest::ScopedEnv> consolePath(std::in_place, "CIM_CONSOLE_PATH", console);
     EXPECT_EXIT(CIM::_TCCIMAssert("x == 1", "src/a.cpp", 42), ::testing::KilledBySignal(SIGSEGV),
                 "");
-    ::unsetenv("CIM_CONSOLE_PATH");
+    consolePath.reset();
     EXPECT_GE(CheckReportLog(log), 2u);
     EXPECT_EQ(cimtest::ReadFile(console), "");
 }
@@ -101,7 +102,7 @@ TEST(CIMDebug, WithTheHookTheReportLogsCallsTheHookAndReturns) {
     cimtest::LogCapture log;
     cimtest::TempDir dir;
     const std::string console = dir.File("console");
-    ::setenv("CIM_CONSOLE_PATH", console.c_str(), 1);
+    std::optional<cimtest::ScopedEnv> consolePath(std::in_place, "CIM_CONSOLE_PATH", console);
     std::vector<std::string> seen;
     {
         CIM::testing::ScopedAssertHook hook(
@@ -112,7 +113,7 @@ TEST(CIMDebug, WithTheHookTheReportLogsCallsTheHookAndReturns) {
         CIM::Log::AssertFailed("x == 1", "src/a.cpp", 42, "Caller");
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), "ASSERT!, Func:Caller\n");
     }
-    ::unsetenv("CIM_CONSOLE_PATH");
+    consolePath.reset();
     EXPECT_EQ(seen, (std::vector<std::string>{"x == 1@src/a.cpp:42"}));
     EXPECT_GE(CheckReportLog(log), 2u);
     EXPECT_EQ(cimtest::ReadFile(console), "");  // no console text with the hook

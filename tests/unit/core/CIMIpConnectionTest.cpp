@@ -8,6 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/steady_timer.hpp>
+
+#include <cstdio>
+#include <list>
+#include <memory>
+#include <random>
+
 namespace {
 
 using cimtest::Completion;
@@ -72,6 +79,101 @@ TEST(CIMIpConnection, UnconnectedCallsAndBadInputLeaveTheObjectReusable) {
         log.Contains(") > IP v6 is not supported. LSCv4 is obliged to support IGMPv3 which "
                      "supports multicast via IP v4 only."));
     EXPECT_TRUE(udp.Connect(Loopback(9, CIM::UDP), 0));
+}
+
+// Lets the task's loop run past `delay` from now: the loop handles expiries
+// in time order, so every alarm due before then has been handled.
+void RunLoopPast(const boost::shared_ptr<CIM::TCCIMTask>& task, std::chrono::milliseconds delay) {
+    boost::asio::steady_timer timer(task->GetIoContext(), delay);
+    std::promise<void> fired;
+    timer.async_wait([&fired](const boost::system::error_code&) { fired.set_value(); });
+    fired.get_future().wait();
+}
+
+// Rounds of overlapping reads (with and without time-outs, some answered by
+// the peer, some timing out), then Disconnect or not, then destruction, all
+// on one task. Every callback comes exactly once, and no read alarm calls
+// into a connection that is gone (the sanitizer builds catch that).
+template <typename Connection, typename Protocol>
+void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
+    cimtest::TestTask task;
+    const CIM::EProtocolType protocol =
+        std::is_same_v<Protocol, cimtest::ip::tcp> ? CIM::TCP : CIM::UDP;
+    std::mt19937 random(seed);
+    // The first two rounds are the plain case: two timed reads, then at once
+    // Disconnect (or not) and destruction.
+    for (int round = 0; round < rounds; ++round) {
+        SCOPED_TRACE(round);
+        const bool plain = round < 2;
+        const int reads = plain ? 2 : int(random() % 4) + 1;
+        std::list<Completion> completions;
+        std::list<std::vector<uint8_t>> buffers;
+        int longestMs = 0;
+        cimtest::EchoPeer<Protocol> peer;  // a TCP peer answers one connection
+        {
+            auto connection = std::make_unique<Connection>(task.Get());
+            ASSERT_TRUE(connection->Connect(Loopback(peer.Port(), protocol), 0));
+            for (int i = 0; i < reads; ++i) {
+                boost::optional<uint16_t> timeout;
+                if (plain) {
+                    timeout = uint16_t(i == 0 ? 80 : 40);
+                } else if (random() % 4 != 0) {
+                    timeout = uint16_t(random() % 30);
+                }
+                longestMs = std::max(longestMs, int(timeout.value_or(0)));
+                connection->ReadData(buffers.emplace_back(8), timeout,
+                                     completions.emplace_back().Callback());
+            }
+            if (!plain && random() % 3 == 0) {
+                Completion sent;
+                connection->SendData({1, 2, 3}, sent.Callback());
+                sent.Wait();
+            }
+            if (plain ? round == 0 : random() % 2 == 0) {
+                connection->Disconnect();
+            }
+        }
+        for (Completion& completion : completions) {
+            completion.Wait();
+        }
+        RunLoopPast(task.Get(), std::chrono::milliseconds(longestMs + 20));
+        for (const Completion& completion : completions) {
+            EXPECT_EQ(completion.calls, 1);
+        }
+    }
+}
+
+TEST(CIMIpConnection, OverlappingTimedReadsNeverOutliveTheConnection) {
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(2, 1);
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(2, 1);
+}
+
+TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(150, 7);
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(150, 11);
+}
+
+// A ConnectMulticast that fails after the socket was marked connected leaves
+// an object whose Disconnect throws (there is no group to leave) and whose
+// destructor therefore ends the process.
+TEST(CIMIpConnection, FailedMulticastConnectLeavesADisconnectThatThrows) {
+    EXPECT_DEATH(
+        {
+            cimtest::TestTask task;
+            auto* udp = new CIM::TCCIMIpConnectionUdp(task.Get());
+            try {
+                udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}});
+            } catch (const boost::system::system_error&) {
+            }
+            try {
+                udp->Disconnect();
+            } catch (const boost::system::system_error&) {
+                std::fprintf(stderr, "Disconnect threw while connected [%d]\n",
+                             int(udp->IsConnected()));
+            }
+            delete udp;
+        },
+        "Disconnect threw while connected \\[1\\]");
 }
 
 }  // namespace

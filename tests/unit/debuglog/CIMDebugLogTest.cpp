@@ -8,10 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <map>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -105,10 +109,45 @@ TEST_F(DebugLogTest, RequestsThatChangeNothingCallAndSaveNothing) {
     cimtest::AssertRecorder asserts;
     EXPECT_FALSE(debugLog.ChangeLevel("NOT_A_TAG", kOn));
     EXPECT_FALSE(debugLog.ChangeLevel(ECIMLogLevel::LOG_LVL_INVALID));
-    EXPECT_EQ(asserts.Count(), 2u);
+    EXPECT_EQ(asserts.Paths(), std::vector<std::string>(2, "src/debuglog/CIMDebugLog"));
     EXPECT_EQ(debugLog.m_ToString(), "");
     EXPECT_EQ(File(), "UNTOUCHED");
     EXPECT_EQ(m_log.Count("dlog tag") + m_log.Count("saved"), 0u);
+}
+
+// A path that opens but cannot be read (a folder, a read error, a FIFO) is
+// as good as a missing file, and neither loading nor saving ever waits.
+TEST_F(DebugLogTest, UnreadablePathsGiveTheConstructorsTagsAndNothingWaits) {
+    const std::list<std::string> tags = {"CI_CORE", "X_EXTRA"};
+    const std::map<std::string, ECIMLogLevel> constructorTags = {{"CI_CORE", kOff},
+                                                                 {"X_EXTRA", kOff}};
+    const std::string fifo = m_dir.File("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::string readError = m_dir.File("eio");  // reading it at 0 fails with EIO
+    ASSERT_EQ(::symlink("/proc/self/mem", readError.c_str()), 0);
+    for (const std::string& path : {m_dir.Path(), readError, fifo}) {
+        SCOPED_TRACE(path);
+        auto loaded = std::async(std::launch::async,
+                                 [&path, &tags] { return TCCIMDebugLog(path, tags).GetLevels(); });
+        const bool inTime =
+            loaded.wait_for(cimtest::Scaled(std::chrono::seconds(2))) == std::future_status::ready;
+        EXPECT_TRUE(inTime) << "the constructor waits";
+        if (!inTime) {
+            ::close(::open(fifo.c_str(), O_WRONLY | O_NONBLOCK));  // lets it go
+        }
+        EXPECT_EQ(loaded.get(), constructorTags);
+    }
+
+    TCCIMDebugLog debugLog(m_path, m_supported);
+    ASSERT_EQ(::mkfifo(m_path.c_str(), 0600), 0);  // put there after the load
+    auto saved = std::async(std::launch::async, [&debugLog] { return debugLog.ChangeLevel(kOn); });
+    const bool inTime =
+        saved.wait_for(cimtest::Scaled(std::chrono::seconds(2))) == std::future_status::ready;
+    EXPECT_TRUE(inTime) << "the save waits for a reader";
+    if (!inTime) {
+        ::close(::open(m_path.c_str(), O_RDONLY | O_NONBLOCK));
+    }
+    EXPECT_TRUE(saved.get());
 }
 
 TEST_F(DebugLogTest, FailuresKeepWhatCouldBeChanged) {
@@ -121,7 +160,7 @@ TEST_F(DebugLogTest, FailuresKeepWhatCouldBeChanged) {
 
     // A refused tag keeps its level; the others are changed and saved.
     TCCIMDebugLog debugLog(m_path, m_supported);
-    cimtest::ScopedEnv refuse("CIM_DLOG_REFUSE", "CI_CAM,CI_TRUST_APP");
+    cimtest::ScopedHostSetting refuse(cimhost::EHostSetting::DLOG_REFUSE, "CI_CAM,CI_TRUST_APP");
     EXPECT_FALSE(debugLog.ChangeLevel("CI_CAM", kOn));
     EXPECT_FALSE(cimtest::Exists(m_path));
     m_log.Clear();

@@ -2,6 +2,11 @@
 
 #include "LscTestSupport.h"
 
+#include <csignal>
+#include <cstdlib>
+
+#include <unistd.h>
+
 namespace cimtest {
 namespace {
 
@@ -149,4 +154,19 @@ TEST_F(QueueTest, SelectiveTakeAndDeleteKeepTheOthersInOrder) {
 }
 
 }  // namespace
+
+// Destroying a queue drops its events without releasing their synchronous
+// senders: a sender still queued then waits for ever (here, until the alarm).
+TEST_F(QueueTest, DestroyLeavesAQueuedSynchronousSenderWaiting) {
+    EXPECT_EXIT(
+        {
+            ::alarm(1);
+            std::future<bool> sender = PutSyncInBackground(7);
+            queue.Destroy();
+            sender.wait();
+            std::_Exit(0);
+        },
+        ::testing::KilledBySignal(SIGALRM), "");
+}
+
 }  // namespace cimtest

@@ -25,6 +25,7 @@ TEST(RWLockTest, NestedReadsReleaseOnceAtTheLastUnlockAndCannotUpgrade) {
     EXPECT_FALSE(lock.WLock());
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(asserts.Expressions(), std::vector<std::string>{"*pCount == 0"});
+    EXPECT_EQ(asserts.Paths(), std::vector<std::string>{"src/lsc/RWLock"});
     EXPECT_NE(err.find("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"), std::string::npos)
         << err;
 

@@ -192,4 +192,27 @@ TEST_F(TaskTest, ManyProducersLoseNothingAndKeepTheirOrder) {
 }
 
 }  // namespace
+
+// A handler's Destroy does not wait for its event that is already running:
+// it returns while the event is still inside t_OnEvent.
+TEST_F(TaskTest, HandlerDestroyDoesNotWaitForItsRunningEvent) {
+    struct GatedHandler : TCHandler {
+        bool t_OnEvent(const TSEvent*) override {
+            entered.set_value();
+            gate.get_future().wait();
+            return true;
+        }
+        std::promise<void> entered, gate;
+    } handler;
+    HeldTask task;
+    ASSERT_TRUE(task.Create("gated", 0, 0, 0));
+    ASSERT_TRUE(handler.Create(&task));
+    ASSERT_TRUE(SendTo(&handler, EVENT_USER, false));
+    handler.entered.get_future().wait();
+    handler.Destroy();  // would hang here if it waited (false: nothing was queued)
+    EXPECT_FALSE(handler.FlagCreate());
+    handler.gate.set_value();
+    task.Stop();
+}
+
 }  // namespace cimtest

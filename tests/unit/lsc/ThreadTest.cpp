@@ -109,6 +109,8 @@ TEST(ThreadTest, RunsNamedAndCannotDestroyItself) {
     refused.get_future().wait();
     EXPECT_FALSE(destroyedItself);
     EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"TCThreadSelf::Id() != Id()"});
+    // Repository-relative, without extension, whatever the build machine.
+    EXPECT_EQ(recorder.Paths(), std::vector<std::string>{"src/lsc/Thread"});
     EXPECT_EQ(log.Count("> Assert Error : Current Thread can't destroy itself"), 1u);
     EXPECT_STREQ(kernelName, "a-name-of-20-ch");
     EXPECT_TRUE(thread.Destroy()) << "the refused Destroy left the thread created";

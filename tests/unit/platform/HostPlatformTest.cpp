@@ -10,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <sstream>
 #include <regex>
 #include <string>
 #include <thread>
@@ -96,22 +99,146 @@ TEST(HostLog, ConcurrentLinesNeverInterleave) {
     }
 }
 
-TEST(HostLog, DestinationIsReadAtEachLineAndStoppedTagsAreDropped) {
+TEST(HostLog, DestinationChangesOnlyThroughTheControlAndStoppedTagsAreDropped) {
     cimtest::LogCapture log;
+    using cimhost::EHostSetting;
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "first");
-    ::setenv("CIM_LOG_OUTPUT", "none", 1);
+    // Read once: a later change of the environment is not looked at.
+    cimtest::ScopedEnv ignored("CIM_LOG_OUTPUT", "none");
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "environment ignored");
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "dropped");
-    ::setenv("CIM_LOG_OUTPUT", ("file:" + log.Path()).c_str(), 1);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + log.Path());
     EXPECT_EQ(stopdlogtagbydefault("T_DEST"), 0);
     __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_DEST", "while stopped");
     __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_OTHER", "other tag");
     EXPECT_EQ(startdlogtagbydefault("T_DEST"), 0);
     __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_DEST", "after start");
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"first", "other tag", "after start"}));
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"first", "environment ignored", "other tag",
+                                                        "after start"}));
 
     cimtest::TempDir dir;
-    ::setenv("CIM_LOG_OUTPUT", ("file:" + dir.File("missing/log")).c_str(), 1);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + dir.File("missing/log"));
     EXPECT_LT(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "nowhere"), 0);
+}
+
+// Threads log while the destination moves between two files and "none": no
+// data race, and every line that lands is whole.
+TEST(HostLog, DestinationSwitchedWhileThreadsLog) {
+    cimtest::LogCapture first;
+    cimtest::TempDir dir;
+    const std::string second = dir.File("second.log");
+    std::atomic<bool> stop(false);
+    std::atomic<long> logged(0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([t, &stop, &logged] {
+            for (int i = 0; !stop; ++i) {
+                __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_SW", "%d:%d:end", t, i);
+                ++logged;
+            }
+        });
+    }
+    const std::string outputs[] = {"file:" + second, "none", "file:" + first.Path()};
+    for (int round = 0; round < 300; ++round) {
+        cimhost::SetSetting(cimhost::EHostSetting::LOG_OUTPUT, outputs[round % 3]);
+        // A few lines under each destination before the next switch.
+        for (const long seen = logged; logged < seen + 3;) {
+            std::this_thread::yield();
+        }
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::regex whole(R"(^\d+:\d+:end$)");
+    size_t lines = 0;
+    for (const std::string& path : {first.Path(), second}) {
+        std::istringstream in(cimtest::ReadFile(path));
+        for (std::string line; std::getline(in, line); ++lines) {
+            const size_t start = line.find("): ");
+            ASSERT_NE(start, std::string::npos) << line;
+            ASSERT_TRUE(std::regex_match(line.substr(start + 3), whole)) << line;
+        }
+    }
+    EXPECT_GT(lines, 0u);
+}
+
+// Lines longer than a pipe's atomic write (4096 bytes) from several threads
+// reach standard error whole, and so do lines of 64 KiB.
+TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    const int savedStderr = ::dup(STDERR_FILENO);
+    ASSERT_GE(savedStderr, 0);
+    std::string received;
+    std::thread reader([&received, fd = pipeFds[0]] {
+        char chunk[65536];
+        for (ssize_t got; (got = ::read(fd, chunk, sizeof chunk)) > 0;) {
+            received.append(chunk, size_t(got));
+        }
+    });
+    {
+        cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
+        ::dup2(pipeFds[1], STDERR_FILENO);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([t] {
+                const std::string payload(t < 6 ? 5000 : 65536, char('a' + t));
+                for (int i = 0; i < (t < 6 ? 100 : 10); ++i) {
+                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_PIPE", "%d|%s|", t, payload.c_str());
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ::dup2(savedStderr, STDERR_FILENO);
+    }
+    ::close(savedStderr);
+    ::close(pipeFds[1]);
+    reader.join();
+    ::close(pipeFds[0]);
+    std::istringstream in(received);
+    int lines = 0, bad = 0;
+    for (std::string line; std::getline(in, line); ++lines) {
+        const size_t start = line.find("): ");
+        const int t = start == std::string::npos ? -1 : line[start + 3] - '0';
+        const size_t size = t < 0 ? 0 : t < 6 ? 5000 : 65536;
+        bad += t < 0 || t > 7 ||
+               line.substr(start + 4) != "|" + std::string(size, char('a' + t)) + "|";
+    }
+    EXPECT_EQ(lines, 6 * 100 + 2 * 10);
+    EXPECT_EQ(bad, 0);
+}
+
+// Renaming the file away (log rotation) makes the log reopen PATH within
+// about a second; every line lands once, in order, in one file or the other.
+TEST(HostLog, RotatedFileIsReopenedWithoutLosingALine) {
+    cimtest::LogCapture log;
+    const std::string rotated = log.Path() + ".1";
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "0");
+    ASSERT_EQ(::rename(log.Path().c_str(), rotated.c_str()), 0);
+    const auto deadline =
+        std::chrono::steady_clock::now() + cimtest::Scaled(std::chrono::seconds(3));
+    int next = 1;
+    while (!cimtest::Exists(log.Path()) && std::chrono::steady_clock::now() < deadline) {
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pacing, not a hand-over
+    }
+    ASSERT_TRUE(cimtest::Exists(log.Path())) << "still writing into the renamed file";
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
+    std::vector<std::string> messages;
+    for (const std::string& path : {rotated, log.Path()}) {
+        std::istringstream in(cimtest::ReadFile(path));
+        for (std::string line; std::getline(in, line);) {
+            messages.push_back(line.substr(line.find("): ") + 3));
+        }
+    }
+    ASSERT_EQ(messages.size(), size_t(next));
+    for (int i = 0; i < next; ++i) {
+        EXPECT_EQ(messages[size_t(i)], std::to_string(i));
+    }
 }
 
 TEST(HostDebugMenu, RefusedCallsFailAndChangeNothing) {
@@ -119,7 +246,7 @@ TEST(HostDebugMenu, RefusedCallsFailAndChangeNothing) {
     EXPECT_EQ(startdlogtagbydefault(nullptr), -1);
     EXPECT_EQ(stopdlogtagbydefault(""), -1);
     {
-        cimtest::ScopedEnv refuse("CIM_DLOG_REFUSE", "T_A,T_MENU");
+        cimtest::ScopedHostSetting refuse(cimhost::EHostSetting::DLOG_REFUSE, "T_A,T_MENU");
         EXPECT_EQ(stopdlogtagbydefault("T_MENU"), -1);
         EXPECT_EQ(startdlogtagbydefault("T_A"), -1);
         EXPECT_EQ(stopdlogtagbydefault("T_MEN"), 0);  // a prefix of a listed tag is not listed
