@@ -145,7 +145,8 @@ private:
     // Returns the delay until the next scan in ms.
     unsigned long m_Scan(ScanState& state);
     void m_ScanLegacy(ScanState& state);
-    void m_ScanLoops();
+    // Lowers `nextMs` to when an outstanding probe would cross the threshold.
+    void m_ScanLoops(unsigned long& nextMs);
     void m_Report(EWatchdogReport kind, const char* function, int line, const std::string& text);
 
     mutable std::mutex m_mutex;

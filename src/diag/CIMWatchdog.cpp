@@ -316,9 +316,11 @@ void TCCIMWatchdog::m_Run() {
 
 unsigned long TCCIMWatchdog::m_Scan(ScanState& state) {
     m_ScanLegacy(state);
-    m_ScanLoops();
+    unsigned long nextMs =
+        state.confirmInMs == 0 ? m_periodMs : std::min(m_periodMs, state.confirmInMs);
+    m_ScanLoops(nextMs);
     m_scans.fetch_add(1);
-    return state.confirmInMs == 0 ? m_periodMs : std::min(m_periodMs, state.confirmInMs);
+    return nextMs;
 }
 
 void TCCIMWatchdog::m_ScanLegacy(ScanState& state) {
@@ -395,7 +397,7 @@ void TCCIMWatchdog::m_ScanLegacy(ScanState& state) {
     }
 }
 
-void TCCIMWatchdog::m_ScanLoops() {
+void TCCIMWatchdog::m_ScanLoops(unsigned long& nextMs) {
     std::vector<std::shared_ptr<Watched>> watched;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -417,6 +419,11 @@ void TCCIMWatchdog::m_ScanLoops() {
                     const unsigned long lagMs = static_cast<unsigned long>(lagNs / 1000000);
                     if (ranNs < 0) {
                         post = false;
+                        if (!entry->stalled && lagNs <= thresholdNs) {
+                            // Look again when it would cross, not a period later.
+                            nextMs = std::min(nextMs, static_cast<unsigned long>(
+                                                          (thresholdNs - lagNs) / 1000000 + 1));
+                        }
                         if (!entry->stalled && lagNs > thresholdNs) {
                             entry->stalled = true;
                             m_Report(EWatchdogReport::LOOP_STALL, "m_ScanLoops", __LINE__,
