@@ -16,6 +16,7 @@
 #include <set>
 
 #include <boost/asio/post.hpp>
+#include <boost/weak_ptr.hpp>
 
 namespace CIM {
 namespace {
