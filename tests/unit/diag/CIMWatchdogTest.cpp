@@ -415,10 +415,17 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     };
     boost::asio::post(busy->GetStrand(), work);
 
+    // No longer watched: its stall goes unreported.
+    auto unwatched = boost::make_shared<CIM::TCCIMTask>("unwatched-task");
+    watchdog.Watch(unwatched, "unwatched-task");
+    AwaitScans(watchdog, 2);
+    watchdog.Unwatch(unwatched.get());
+
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     const auto stallStart = Clock::now();
     boost::asio::post(stalled->GetStrand(), [released] { released.wait(); });
+    boost::asio::post(unwatched->GetStrand(), [released] { released.wait(); });
     ASSERT_TRUE(reports.WaitFor(EWatchdogReport::LOOP_STALL, 1, std::chrono::seconds(3)));
     const long reportedAfterMs = ElapsedMs(stallStart);
     EXPECT_GE(reportedAfterMs, static_cast<long>(lagMs));
@@ -442,6 +449,7 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     EXPECT_LE(ElapsedMs(joinStart), Scaled(std::chrono::milliseconds(periodMs)).count());
     stalled.reset();  // the watchdog holds it weakly, so this destroys it
 
+    unwatched->Join();
     keepBusy = false;
     busy->Join();
     EXPECT_GT(busyRuns.load(), 20);
