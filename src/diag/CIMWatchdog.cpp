@@ -1,5 +1,6 @@
 #include <cimcore/CIMWatchdog.h>
 
+#include <cimcore/CIMThreadDebug.h>
 #include <cimcore/CIMThreadPool.h>
 #include <cimcore/CIMTime.h>
 #include <cimcore/internal/CIMLog.h>
@@ -305,6 +306,7 @@ void TCCIMWatchdog::SetReportHandler(TFReport handler) {
 }
 
 void TCCIMWatchdog::m_Run() {
+    TCCIMThreadDebug::SetThisThreadName("cim-watchdog");
     ScanState state;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
