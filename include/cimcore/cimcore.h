@@ -17,6 +17,7 @@
 #include <cimcore/CIMAlarm.h>
 #include <cimcore/CIMIpConnectionTcp.h>
 #include <cimcore/CIMIpConnectionUdp.h>
+#include <cimcore/CIMWatchdog.h>
 #include <cimcore/internal/lsc/Thread.h>
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Task.h>

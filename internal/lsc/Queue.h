@@ -104,6 +104,8 @@ public:
     // goes to `count` when it is not null.
     bool Find(const TCHandler* receiver, unsigned int* count);
     bool Find(const TCHandler* receiver, unsigned long type, unsigned int* count);
+    // The number of events queued, for diagnostics; 0 when not created.
+    unsigned int Count();
 
     // Removes the matching events (DeleteEx at most `most`), releasing their
     // synchronous senders. True when any was removed; the number goes to

@@ -194,6 +194,16 @@ bool TCQueue::Find(const TCHandler* receiver, unsigned long type, unsigned int* 
     return m_Count(receiver, true, type, count);
 }
 
+unsigned int TCQueue::Count() {
+    if (!FlagCreate()) {
+        return 0;
+    }
+    Lock();
+    const unsigned int count = static_cast<unsigned int>(m_count);
+    Unlock();
+    return count;
+}
+
 bool TCQueue::m_Count(const TCHandler* receiver, bool byType, unsigned long type,
                       unsigned int* count) {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {

@@ -45,6 +45,16 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     }
     EXPECT_GT(lines, 0u);
     EXPECT_NE(log.find("AUTOLOCK ERROR"), std::string::npos);
+    // The watchdog named the demo's deadlock and stall, and their ends, once each.
+    for (const char* report :
+         {"> deadlock: dl-", "> deadlock ended: dl-", "> task loop stalled: demo-stall ",
+          "> task loop recovered: demo-stall,"}) {
+        size_t count = 0;
+        for (size_t at = log.find(report); at != std::string::npos; at = log.find(report, at + 1)) {
+            ++count;
+        }
+        EXPECT_EQ(count, 1u) << report;
+    }
 }
 
 }  // namespace
