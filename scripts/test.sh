@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs every test: the debug build,
-# the ASan+UBSan build, the TSan build, a short fuzz run, and a consumer
-# project built against the installed package.
+# the ASan+UBSan build, the TSan build, a short fuzz run, a consumer
+# project built against the installed package, and the 32-bit ARM build
+# with its tests under emulation (scripts/test-arm.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,3 +36,6 @@ cmake -S examples/consumer -B "$prefix/consumer-build" -G Ninja \
 cmake --build "$prefix/consumer-build"
 LD_LIBRARY_PATH="$prefix/lib" CIM_LOG_OUTPUT=none "$prefix/consumer-build/consumer"
 ctest --test-dir "$prefix/consumer-build" --output-on-failure
+
+# The device's 32-bit ARM build, every test under qemu-arm.
+scripts/test-arm.sh

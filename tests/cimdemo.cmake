@@ -3,7 +3,7 @@
 if(TARGET cim-demo)
   add_executable(CimDemoTest ${CMAKE_CURRENT_SOURCE_DIR}/tools/CimDemoTest.cpp)
   target_link_libraries(CimDemoTest PRIVATE cimcore_test_support cimcore)
-  target_compile_definitions(CimDemoTest PRIVATE CIM_DEMO_PATH="$<TARGET_FILE:cim-demo>")
+  target_compile_definitions(CimDemoTest PRIVATE CIM_DEMO_PATH="${CIMCORE_TEST_LAUNCHER} $<TARGET_FILE:cim-demo>")
   add_dependencies(CimDemoTest cim-demo)
   cimcore_warnings(CimDemoTest)
   gtest_discover_tests(CimDemoTest DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
