@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, checks the formatting, then builds and runs every
 # test: the debug build, the ASan+UBSan build, the TSan build, a short fuzz
-# run, and a consumer project built against the installed package.
+# run, a consumer project built against the installed package, and the
+# 32-bit ARM build with its tests under emulation (scripts/test-arm.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,7 +36,8 @@ trap 'rm -rf "$prefix"' EXIT
 cmake --install build/debug --prefix "$prefix" >/dev/null
 # The API only: no private helper, no platform stand-in header.
 private=$(find "$prefix/include" \( -name CIMLog.h -o -name dlog.h -o -name app_control.h \
-          -o -name debug_menu.h -o -name cim_api.h \) -print)
+          -o -name debug_menu.h -o -name cim_api.h -o -name CIMFormat.h \
+          -o -name CIMIpConnectionImpl.h \) -print)
 if [ -n "$private" ]; then
   echo "private headers installed: $private" >&2
   exit 1
@@ -50,3 +52,6 @@ ctest --test-dir "$prefix/consumer-build" --output-on-failure
 PKG_CONFIG_PATH="$prefix/lib/pkgconfig" sh -c 'c++ -std=c++17 -o "$1/consumer-pc" \
   examples/consumer/main.cpp $(pkg-config --cflags --libs cimcore)' sh "$prefix"
 LD_LIBRARY_PATH="$prefix/lib" CIM_LOG_OUTPUT=none "$prefix/consumer-pc"
+
+# The device's 32-bit ARM build, every test under qemu-arm.
+scripts/test-arm.sh

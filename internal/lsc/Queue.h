@@ -5,6 +5,7 @@
 #include <cimcore/Export.h>
 #include <cimcore/internal/lsc/Thread.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include <pthread.h>
@@ -56,6 +57,14 @@ struct CIM_EXPORT TSEvent {
 
 static_assert(sizeof(void*) != 4 || sizeof(TSEvent) == 11 * 4,
               "a TSEvent is eleven 32-bit words on a 32-bit target");
+static_assert(sizeof(void*) != 4 ||
+                  (offsetof(TSEvent, replySem) == 0 && offsetof(TSEvent, receiver) == 4 &&
+                   offsetof(TSEvent, sender) == 8 && offsetof(TSEvent, type) == 12 &&
+                   offsetof(TSEvent, word4) == 16 && offsetof(TSEvent, word5) == 20 &&
+                   offsetof(TSEvent, word6) == 24 && offsetof(TSEvent, word7) == 28 &&
+                   offsetof(TSEvent, word8) == 32 && offsetof(TSEvent, word9) == 36 &&
+                   offsetof(TSEvent, word10) == 40),
+              "on a 32-bit target TSEvent word i is at offset 4 * i");
 
 // A ring of 256 events with a reserve for priority events, guarded by its own
 // (inherited) mutex.

@@ -6,6 +6,7 @@
 #include <cimcore/internal/lsc/Queue.h>
 #include <cimcore/internal/lsc/Thread.h>
 
+#include <cstddef>
 #include <cstdint>
 
 // For every thread blocked in a synchronous TCTask::Send, one entry says who
@@ -19,6 +20,8 @@ class CIM_EXPORT TCSyncDet {
 public:
     static constexpr int MAX_SYNC_TASKS = 64;
 
+    // Read by tools on the device, where it is fourteen 32-bit words; on a
+    // 64-bit host the unsigned long fields widen with the platform.
     struct PTSyncDetInfo {
         bool bValid;
         unsigned long ulTick;        // CIM::TCCIMTime::Tick() when added
@@ -47,5 +50,15 @@ public:
     static PTSyncDetInfo* m_arrPCSyncDet;  // MAX_SYNC_TASKS entries, or null
     static TCMutex* m_pLock;
 };
+
+static_assert(sizeof(void*) != 4 || (sizeof(TCSyncDet::PTSyncDetInfo) == 56 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, ulTick) == 4 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, ulCallerId) == 8 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, iCallerTid) == 12 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, szCallerName) == 16 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, ulReceiverId) == 32 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, ulReserved) == 36 &&
+                                     offsetof(TCSyncDet::PTSyncDetInfo, szReceiverName) == 40),
+              "the sync table's record layout on a 32-bit target");
 
 #endif

@@ -22,6 +22,13 @@ public:
 
     TCHandler();
     virtual ~TCHandler();
+
+protected:
+    // Runs on the task's thread, one event at a time. Declared before
+    // Destroy: the stack's other libraries rely on this slot order.
+    virtual bool t_OnEvent(const TSEvent* event) = 0;
+
+public:
     // Returns whether queued events were removed.
     virtual bool Destroy();
 
@@ -32,10 +39,6 @@ public:
 
     TCHandler(const TCHandler&) = delete;
     TCHandler& operator=(const TCHandler&) = delete;
-
-protected:
-    // Runs on the task's thread, one event at a time.
-    virtual bool t_OnEvent(const TSEvent* event) = 0;
 
 private:
     friend class TCTask;  // dispatches to any handler's t_OnEvent

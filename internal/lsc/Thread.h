@@ -90,6 +90,11 @@ private:
 // derived class must make t_Main return first. A thread may not destroy
 // itself. The object must outlive its thread's body.
 class CIM_EXPORT TCThread {
+protected:
+    // The body; its result is ignored. First of the virtual operations: the
+    // stack's other libraries rely on this slot order.
+    virtual int t_Main() = 0;
+
 public:
     TCThread();
     virtual ~TCThread();
@@ -113,10 +118,6 @@ public:
 
     TCThread(const TCThread&) = delete;
     TCThread& operator=(const TCThread&) = delete;
-
-protected:
-    // The body; its result is ignored.
-    virtual int t_Main() = 0;
 
 private:
     static void* _Process(void* object);

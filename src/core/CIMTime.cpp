@@ -26,6 +26,19 @@ const boost::posix_time::ptime& Epoch() {
     return epoch;
 }
 
+// The date checks run day, month, year, then the day's validity. Each part
+// is made on its own statement: as arguments of one date constructor their
+// order would be the compiler's (it differs between x86-64 and ARM), and with
+// it which error a bad tm reports.
+boost::posix_time::ptime FromTm(const tm& t) {
+    const boost::gregorian::greg_day day(static_cast<unsigned short>(t.tm_mday));
+    const boost::gregorian::greg_month month(static_cast<unsigned short>(t.tm_mon + 1));
+    const boost::gregorian::greg_year year(static_cast<unsigned short>(t.tm_year + 1900));
+    const boost::gregorian::date date(year, month, day);
+    return boost::posix_time::ptime(
+        date, boost::posix_time::time_duration(t.tm_hour, t.tm_min, t.tm_sec));
+}
+
 }  // namespace
 
 TSCIMTime::TSCIMTime() : TSCIMTime(0L) {}
@@ -33,8 +46,7 @@ TSCIMTime::TSCIMTime() : TSCIMTime(0L) {}
 TSCIMTime::TSCIMTime(const long& secondsSinceEpoch)
     : m_time(Epoch() + boost::posix_time::seconds(secondsSinceEpoch)) {}
 
-// Boost builds the date from day, month and year in that order of checks.
-TSCIMTime::TSCIMTime(const tm& t) : m_time(boost::posix_time::ptime_from_tm(t)) {}
+TSCIMTime::TSCIMTime(const tm& t) : m_time(FromTm(t)) {}
 
 TSCIMTime::TSCIMTime(const TSDateTimeComponents& c) {
     tm t = {};
@@ -46,8 +58,10 @@ TSCIMTime::TSCIMTime(const TSDateTimeComponents& c) {
     t.tm_sec = c.second;
     t.tm_isdst = -1;
     // Only mktime's normalisation of the fields is wanted, not its result.
+    // Where time_t is 32 bits it fails outside 1901..2038 and leaves the
+    // fields as they were.
     (void)::mktime(&t);
-    m_time = boost::posix_time::ptime_from_tm(t);
+    m_time = FromTm(t);
 }
 
 long TSCIMTime::SecondsSinceEpoch() const {

@@ -11,6 +11,12 @@
 namespace {
 thread_local bool tCounting = false;
 thread_local int tAllocations = 0;
+
+// Kept out of line: inlined into a caller of operator new, the free would
+// look mismatched to the optimiser's new/delete check.
+__attribute__((noinline)) void Release(void* memory) noexcept {
+    std::free(memory);
+}
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -22,10 +28,10 @@ void* operator new(std::size_t size) {
     return memory ? memory : throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 
 namespace cimtest {

@@ -1,0 +1,208 @@
+// The binary interface that the stack's other libraries are compiled against:
+// the order of every class's virtual operations and the records' layouts.
+#include <cimcore/cimcore.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+namespace {
+
+// The vtable slot that a pointer to a virtual member function names, or -1
+// for a non-virtual one. The Itanium ABI marks a virtual one by an odd
+// pointer (1 + byte offset); the ARM ABI keeps the offset as it is and moves
+// the mark into the low bit of the this-adjustment.
+template <typename MemberFunction>
+int Slot(MemberFunction function) {
+    static_assert(sizeof(function) == 2 * sizeof(void*), "pointer and adjustment");
+    struct {
+        std::uintptr_t pointer;
+        std::ptrdiff_t adjustment;
+    } raw;
+    std::memcpy(&raw, &function, sizeof raw);
+#if defined(__arm__) || defined(__aarch64__)
+    const bool isVirtual = (raw.adjustment & 1) != 0;
+    const std::uintptr_t offset = raw.pointer;
+#else
+    const bool isVirtual = (raw.pointer & 1) != 0;
+    const std::uintptr_t offset = raw.pointer - 1;
+#endif
+    return isVirtual ? static_cast<int>(offset / sizeof(void*)) : -1;
+}
+
+// One virtual more than Base: its slot is the number of slots Base has, so a
+// virtual added or a destructor missing shows even where nothing else can be
+// named. Never instantiated.
+template <typename Base>
+struct Appended : Base {
+    virtual void ProbeAppended() = 0;
+};
+template <typename Base>
+int SlotCount() {
+    return Slot(&Appended<Base>::ProbeAppended);
+}
+
+struct Known {
+    virtual ~Known() = default;
+    virtual void First() {}
+    virtual void Second() {}
+    void Plain() {}
+};
+
+// Expose the protected hooks to take their addresses.
+struct ThreadProbe : TCThread {
+    using TCThread::t_Main;
+};
+struct HandlerProbe : TCHandler {
+    using TCHandler::t_OnEvent;
+};
+struct TaskProbe : TCTask {
+    using TCTask::ExecuteEvent;
+    using TCTask::t_Create;
+    using TCTask::t_Destroy;
+    using TCTask::t_Idle;
+    using TCTask::t_Main;
+    using TCTask::t_OnClearQueue;
+    using TCTask::t_OnEvent;
+    using TCTask::t_OnExit;
+    using TCTask::t_OnUser;
+};
+struct AlarmProbe : TCAlarm {
+    using TCAlarm::t_OnAlarm;
+    using TCAlarm::t_OnEvent;
+};
+struct NotifyProbe : TCEventNotifyThread {
+    using TCEventNotifyThread::t_Main;
+};
+struct ObserverSafeProbe : CIM::TICIMAlarmObserverSafe {
+    using CIM::TICIMAlarmObserverSafe::t_LockAlarmObserverSafe;
+    using CIM::TICIMAlarmObserverSafe::t_UnlockAlarmObserverSafe;
+};
+template <typename Connection>
+struct ConnectionProbe : Connection {
+    using Connection::t_CreateProtocol;
+    using Connection::t_LockAlarmObserverSafe;
+    using Connection::t_SocketAsynchronousRead;
+    using Connection::t_SocketSynchronousWrite;
+    using Connection::t_UnlockAlarmObserverSafe;
+};
+
+TEST(Abi, SlotDecodingKnowsVirtualFromPlain) {
+    // A virtual destructor takes slots 0 and 1 (complete and deleting).
+    EXPECT_EQ(Slot(&Known::First), 2);
+    EXPECT_EQ(Slot(&Known::Second), 3);
+    EXPECT_EQ(Slot(&Known::Plain), -1);
+    EXPECT_EQ(SlotCount<Known>(), 4);
+}
+
+TEST(Abi, LegacyRuntimeVirtualsAreInTheirSlots) {
+    // Destructor, deleting destructor, Destroy.
+    EXPECT_EQ(Slot(&TCSemaphore::Destroy), 2);
+    EXPECT_EQ(SlotCount<TCSemaphore>(), 3);
+    EXPECT_EQ(Slot(&TCMutex::Destroy), 2);
+    EXPECT_EQ(SlotCount<TCMutex>(), 3);
+    EXPECT_EQ(Slot(&TCQueue::Destroy), 2);
+    EXPECT_EQ(SlotCount<TCQueue>(), 3);
+
+    // t_Main, the two destructors, Destroy.
+    EXPECT_EQ(Slot(&ThreadProbe::t_Main), 0);
+    EXPECT_EQ(Slot(&TCThread::Destroy), 3);
+    EXPECT_EQ(SlotCount<TCThread>(), 4);
+    EXPECT_EQ(Slot(&NotifyProbe::t_Main), 0);
+    EXPECT_EQ(Slot(&TCEventNotifyThread::Destroy), 3);
+    EXPECT_EQ(SlotCount<TCEventNotifyThread>(), 4);
+
+    // The two destructors, t_OnEvent, Destroy.
+    EXPECT_EQ(Slot(&HandlerProbe::t_OnEvent), 2);
+    EXPECT_EQ(Slot(&TCHandler::Destroy), 3);
+    EXPECT_EQ(SlotCount<TCHandler>(), 4);
+
+    // The thread's four, then the task's own; t_OnEvent overrides the
+    // handler's and so takes a slot of its own here too.
+    EXPECT_EQ(Slot(&TaskProbe::t_Main), 0);
+    EXPECT_EQ(Slot(&TCTask::Destroy), 3);
+    EXPECT_EQ(Slot(&TaskProbe::t_Create), 4);
+    EXPECT_EQ(Slot(&TaskProbe::t_Idle), 5);
+    EXPECT_EQ(Slot(&TaskProbe::t_Destroy), 6);
+    EXPECT_EQ(Slot(&TaskProbe::t_OnEvent), 7);
+    EXPECT_EQ(Slot(&TaskProbe::t_OnExit), 8);
+    EXPECT_EQ(Slot(&TaskProbe::t_OnUser), 9);
+    EXPECT_EQ(Slot(&TaskProbe::t_OnClearQueue), 10);
+    EXPECT_EQ(Slot(&TaskProbe::ExecuteEvent), 11);
+    EXPECT_EQ(SlotCount<TCTask>(), 12);
+
+    // t_Main (private), the destructors, Destroy, t_OnEvent, t_OnAlarm.
+    EXPECT_EQ(Slot(&TCAlarm::Destroy), 3);
+    EXPECT_EQ(Slot(&AlarmProbe::t_OnEvent), 4);
+    EXPECT_EQ(Slot(&AlarmProbe::t_OnAlarm), 5);
+    EXPECT_EQ(SlotCount<TCAlarm>(), 6);
+    EXPECT_EQ(SlotCount<TCStateAlarm>(), 6);
+
+    EXPECT_EQ(SlotCount<TCRWLock>(), 2);
+}
+
+TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
+    // Only the two destructors.
+    EXPECT_EQ(SlotCount<CIM::TCThreadPool>(), 2);
+    EXPECT_EQ(SlotCount<CIM::TCCIMTask>(), 2);
+    EXPECT_EQ(SlotCount<CIM::TCCICoreTraceLock>(), 2);
+    EXPECT_EQ(SlotCount<CIM::ApplicationLauncher>(), 2);
+
+    EXPECT_EQ(Slot(&CIM::TICIMAlarmObserver::OnTimer), 2);
+    EXPECT_EQ(SlotCount<CIM::TICIMAlarmObserver>(), 3);
+    EXPECT_EQ(Slot(&ObserverSafeProbe::t_LockAlarmObserverSafe), 3);
+    EXPECT_EQ(Slot(&ObserverSafeProbe::t_UnlockAlarmObserverSafe), 4);
+    EXPECT_EQ(SlotCount<CIM::TICIMAlarmObserverSafe>(), 5);
+
+    using Interface = CIM::TICIMIpConnection;
+    EXPECT_EQ(Slot(&Interface::Connect), 2);
+    EXPECT_EQ(Slot(&Interface::ConnectMulticast), 3);
+    EXPECT_EQ(Slot(&Interface::Disconnect), 4);
+    EXPECT_EQ(Slot(&Interface::SendData), 5);
+    EXPECT_EQ(Slot(&Interface::ReadData), 6);
+    EXPECT_EQ(Slot(&Interface::GetSourcePort), 7);
+    EXPECT_EQ(Slot(&Interface::IsConnected), 8);
+    EXPECT_EQ(SlotCount<Interface>(), 9);
+
+    // After the interface's nine: the transport hooks, then the observer's
+    // lock and unlock, which override the private base's.
+    const auto checkConnection = [](auto probe, const char* name) {
+        using Probe = typename decltype(probe)::type;
+        SCOPED_TRACE(name);
+        EXPECT_EQ(Slot(&Probe::Connect), 2);
+        EXPECT_EQ(Slot(&Probe::IsConnected), 8);
+        EXPECT_EQ(Slot(&Probe::t_SocketSynchronousWrite), 9);
+        EXPECT_EQ(Slot(&Probe::t_SocketAsynchronousRead), 10);
+        EXPECT_EQ(Slot(&Probe::t_CreateProtocol), 11);
+        EXPECT_EQ(Slot(&Probe::t_LockAlarmObserverSafe), 12);
+        EXPECT_EQ(Slot(&Probe::t_UnlockAlarmObserverSafe), 13);
+        EXPECT_EQ(SlotCount<Probe>(), 14);
+    };
+    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionTcp>>(), "TCP");
+    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), "UDP");
+}
+
+// Records and widths; the word layouts of TSEvent and of the sync table's
+// record are checked in their headers, on every 32-bit build of a user.
+static_assert(sizeof(CIM::ECIMLogLevel) == 1, "a log level is one byte");
+static_assert(sizeof(CIM::EDestinationType) == 4 && sizeof(CIM::EProtocolType) == 4 &&
+                  sizeof(CIM::EAlarmType) == 4,
+              "the enumerations are 32-bit");
+static_assert(TCSyncDet::MAX_SYNC_TASKS == 64, "the sync table has 64 entries");
+static_assert(std::is_same<decltype(gTimeOffset), int64_t>::value, "gTimeOffset is 64 bits");
+using SyncInfo = TCSyncDet::PTSyncDetInfo;
+static_assert(sizeof(SyncInfo::bValid) == 1 && sizeof(SyncInfo::iCallerTid) == 4 &&
+                  std::is_signed<decltype(SyncInfo::iCallerTid)>::value &&
+                  std::is_unsigned<decltype(SyncInfo::ulTick)>::value &&
+                  std::is_unsigned<decltype(SyncInfo::ulCallerId)>::value &&
+                  std::is_unsigned<decltype(SyncInfo::ulReceiverId)>::value &&
+                  std::is_unsigned<decltype(SyncInfo::ulReserved)>::value &&
+                  sizeof(SyncInfo::szCallerName) == 16 && sizeof(SyncInfo::szReceiverName) == 16,
+              "the sync table's record fields");
+static_assert(sizeof(void*) != 4 || (sizeof(SyncInfo::ulTick) == 4 && sizeof(TSEvent) == 44 &&
+                                     sizeof(long) == 4 && sizeof(pthread_t) == 4),
+              "32-bit target: the words and the long results are 32 bits");
+
+}  // namespace
