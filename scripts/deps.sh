@@ -24,5 +24,7 @@ if [ "$(id -u)" -ne 0 ]; then
   sudo="sudo"
 fi
 echo "Installing: ${missing[*]}"
-$sudo apt-get update -qq
+# A list that fails to come down (another architecture's index, say) need
+# not stop the packages that are there.
+$sudo apt-get update -qq || echo "apt-get update reported errors; installing anyway" >&2
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

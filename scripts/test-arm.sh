@@ -33,7 +33,7 @@ for package in "${host_packages[@]}"; do
 done
 if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
-  $sudo apt-get update -qq
+  $sudo apt-get update -qq || echo "apt-get update reported errors; installing anyway" >&2
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 for tool in arm-linux-gnueabihf-g++ qemu-arm file; do
