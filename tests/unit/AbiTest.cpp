@@ -184,6 +184,15 @@ TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
     checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), "UDP");
 }
 
+// Classes without virtual operations stay so: a vtable pointer would shift
+// every member.
+static_assert(!std::is_polymorphic<CIM::TCCIMAlarm>::value &&
+                  !std::is_polymorphic<CIM::TCCIMSemaphore>::value &&
+                  !std::is_polymorphic<CIM::TCAutoTimeoutDebug>::value &&
+                  !std::is_polymorphic<CIM::TCCIMDebugLog>::value &&
+                  !std::is_polymorphic<TCSyncDet>::value && !std::is_polymorphic<TSEvent>::value,
+              "no vtable where none is listed");
+
 // Records and widths; the word layouts of TSEvent and of the sync table's
 // record are checked in their headers, on every 32-bit build of a user.
 static_assert(sizeof(CIM::ECIMLogLevel) == 1, "a log level is one byte");
