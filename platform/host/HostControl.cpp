@@ -3,6 +3,8 @@
 // environment again (getenv racing a setenv of another thread is undefined).
 #include "HostControl.h"
 
+#include "HostTags.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -64,6 +66,9 @@ std::string GetSetting(EHostSetting setting) {
 
 void SetSetting(EHostSetting setting, const std::string& value) {
     TheSettings().Set(setting, value);
+    if (setting == EHostSetting::LOG_OUTPUT) {
+        RefreshLogSwitches();  // the next line must see "none" come and go
+    }
 }
 
 bool SettingListContains(EHostSetting setting, const char* name) {

@@ -10,6 +10,10 @@ namespace cimhost {
 bool IsTagStopped(const char* tag);
 void SetTagStopped(const std::string& tag, bool stopped);
 
+// Recomputes every word handed out by cim_dlog_tag_switch; called after the
+// log's destination changed.
+void RefreshLogSwitches();
+
 }  // namespace cimhost
 
 #endif
