@@ -15,7 +15,14 @@ namespace Log {
 constexpr int kInfo = 4;
 constexpr int kError = 6;
 
-// Logs "<file>: <function>(<line>) > " followed by the formatted message.
+// False while the platform would drop every line under "CI_CORE" (the tag
+// switched off, or the log going nowhere): then the calls below return at
+// once, formatting nothing. Costs one relaxed load; follows every switch.
+// Callers that build a line's arguments at some cost ask it first.
+bool IsOn();
+
+// Logs "<file>: <function>(<line>) > " followed by the formatted message, as
+// one text in one platform call.
 void Write(int priority, const char* file, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 

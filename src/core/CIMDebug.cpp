@@ -37,6 +37,9 @@ testing::AssertHook CurrentHook() {
 }
 
 void LogCallStack() {
+    if (!Log::IsOn()) {
+        return;  // symbols and demangling are costly, and only the log wants them
+    }
     void* frames[kMaxFrames];
     const int count = ::backtrace(frames, kMaxFrames);
     if (count <= 0) {
