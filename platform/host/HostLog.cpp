@@ -12,6 +12,7 @@
 
 #include <cimcore/internal/CIMFormat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -87,10 +88,10 @@ bool WriteAll(int fd, const char* data, size_t size) {
 
 // A write to a pipe is atomic only up to PIPE_BUF (4096 bytes) and a longer
 // one may be split and continued: lines of this process go out one at a time.
-bool WriteWholeLineToStderr(const std::string& line) {
+bool WriteWholeLineToStderr(const char* line, size_t size) {
     static std::mutex* mutex = new std::mutex;  // never destroyed: threads may log during exit
     std::lock_guard<std::mutex> lock(*mutex);
-    return WriteAll(STDERR_FILENO, line.data(), line.size());
+    return WriteAll(STDERR_FILENO, line, size);
 }
 
 // The log file stays open while the destination names the same path, and is
@@ -98,13 +99,13 @@ bool WriteWholeLineToStderr(const std::string& line) {
 // rotation); that is checked once a second, not at every line.
 class LogFile {
 public:
-    bool Append(const char* path, const std::string& line, time_t now) {
+    bool Append(const char* path, const char* line, size_t size, time_t now) {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_fd < 0 || m_path != path || (now != m_checked && !IsStillAt(path))) {
             Reopen(path);
         }
         m_checked = now;
-        return m_fd >= 0 && WriteAll(m_fd, line.data(), line.size());
+        return m_fd >= 0 && WriteAll(m_fd, line, size);
     }
 
 private:
@@ -135,13 +136,6 @@ private:
 LogFile& TheLogFile() {
     static LogFile* file = new LogFile;  // never destroyed: threads may log during exit
     return *file;
-}
-
-std::string FormatMessage(const char* fmt, va_list args) {
-    char small[512];
-    std::string large;
-    const char* text = CIM::FormatV(small, sizeof small, large, fmt, args);
-    return text == nullptr ? std::string() : text == large.c_str() ? std::move(large) : text;
 }
 
 // The process and thread ids cost a system call each; they are kept, and
@@ -175,15 +169,95 @@ long ThreadId() {
     return tid;
 }
 
-std::string LinePrefix(int prio, const char* tag, const struct timeval& now) {
-    struct tm local;
-    ::localtime_r(&now.tv_sec, &local);
-    char prefix[128];
-    std::snprintf(prefix, sizeof prefix,
-                  "%02d-%02d %02d:%02d:%02d.%03ld %c/%s(%ld:%ld): ", local.tm_mon + 1,
-                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                  long(now.tv_usec / 1000), PriorityLetter(prio), tag, ProcessId(), ThreadId());
-    return prefix;
+char* PutDigits(char* out, unsigned long value, int width) {
+    char digits[24];
+    int count = 0;
+    do {
+        digits[count++] = char('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (count < width) {
+        digits[count++] = '0';
+    }
+    while (count > 0) {
+        *out++ = digits[--count];
+    }
+    return out;
+}
+
+char* PutLong(char* out, long value) {
+    if (value < 0) {
+        *out++ = '-';
+        return PutDigits(out, 0ul - (unsigned long)value, 1);
+    }
+    return PutDigits(out, (unsigned long)value, 1);
+}
+
+// "MM-DD HH:MM:SS" of a second, kept per thread: localtime_r takes a lock
+// inside the C library, and a thread logs many lines in one second.
+const char* LocalSecond(time_t second) {
+    thread_local time_t cachedSecond = -1;
+    thread_local char text[15];
+    if (second != cachedSecond) {
+        struct tm local;
+        ::localtime_r(&second, &local);
+        char* out = text;
+        out = PutDigits(out, (unsigned long)(local.tm_mon + 1), 2);
+        *out++ = '-';
+        out = PutDigits(out, (unsigned long)local.tm_mday, 2);
+        *out++ = ' ';
+        out = PutDigits(out, (unsigned long)local.tm_hour, 2);
+        *out++ = ':';
+        out = PutDigits(out, (unsigned long)local.tm_min, 2);
+        *out++ = ':';
+        out = PutDigits(out, (unsigned long)local.tm_sec, 2);
+        *out = '\0';
+        cachedSecond = second;
+    }
+    return text;
+}
+
+// "MM-DD HH:MM:SS.mmm P/TAG(PID:TID): " into `out`, which holds at least
+// kHeaderMax bytes; returns its length.
+constexpr size_t kHeaderMax = 127;
+
+size_t PutLineHeader(char* out, int prio, const char* tag, size_t tagSize,
+                     const struct timeval& now) {
+    char* const begin = out;
+    std::memcpy(out, LocalSecond(now.tv_sec), 14);
+    out += 14;
+    *out++ = '.';
+    out = PutDigits(out, (unsigned long)(now.tv_usec / 1000), 3);
+    *out++ = ' ';
+    *out++ = PriorityLetter(prio);
+    *out++ = '/';
+    // The header has always been cut at 127 bytes: a tag too long for it
+    // loses its end, and the ids with it.
+    const size_t room = kHeaderMax - size_t(out - begin);
+    if (tagSize >= room) {
+        std::memcpy(out, tag, room);
+        return kHeaderMax;
+    }
+    std::memcpy(out, tag, tagSize);
+    out += tagSize;
+    char ids[48];
+    char* end = ids;
+    *end++ = '(';
+    end = PutLong(end, ProcessId());
+    *end++ = ':';
+    end = PutLong(end, ThreadId());
+    *end++ = ')';
+    *end++ = ':';
+    *end++ = ' ';
+    const size_t idsSize = std::min(size_t(end - ids), kHeaderMax - size_t(out - begin));
+    std::memcpy(out, ids, idsSize);
+    return size_t(out - begin) + idsSize;
+}
+
+// The library hands over finished lines as "%s" and one text: that text is
+// taken as it is, not formatted again.
+bool IsPlainText(const char* fmt) {
+    return fmt[0] == '%' && fmt[1] == 's' && fmt[2] == '\0';
 }
 
 }  // namespace
@@ -203,27 +277,51 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
         return 0;
     }
 
+    char small[512];
+    std::string large;
+    const char* message;
     va_list args;
     va_start(args, fmt);
-    std::string message = FormatMessage(fmt, args);
+    if (IsPlainText(fmt)) {
+        message = va_arg(args, const char*);
+        if (message == nullptr) {
+            message = "(null)";  // what printf writes for it
+        }
+    } else {
+        message = CIM::FormatV(small, sizeof small, large, fmt, args);
+        if (message == nullptr) {
+            message = "";
+        }
+    }
     va_end(args);
-    if (!message.empty() && message.back() == '\n') {
-        message.pop_back();
+    size_t messageSize = std::strlen(message);
+    if (messageSize > 0 && message[messageSize - 1] == '\n') {
+        --messageSize;
     }
 
     if (std::strcmp(output, "syslog") == 0) {
-        ::syslog(SyslogLevel(prio), "%s %s", tag, message.c_str());
-        return int(message.size());
+        ::syslog(SyslogLevel(prio), "%s %.*s", tag, int(messageSize), message);
+        return int(messageSize);
     }
 
     struct timeval now;
     ::gettimeofday(&now, nullptr);
-    std::string line = LinePrefix(prio, tag, now);
-    line += message;
-    line += '\n';
+    // One buffer and one write per line; the stack holds the usual ones.
+    char stackLine[1024];
+    std::string heapLine;
+    const size_t lineMax = kHeaderMax + messageSize + 1;
+    char* line = stackLine;
+    if (lineMax > sizeof stackLine) {
+        heapLine.resize(lineMax);
+        line = &heapLine[0];
+    }
+    size_t size = PutLineHeader(line, prio, tag, std::strlen(tag), now);
+    std::memcpy(line + size, message, messageSize);
+    size += messageSize;
+    line[size++] = '\n';
 
     const bool written = std::strncmp(output, "file:", 5) == 0
-                             ? TheLogFile().Append(output + 5, line, now.tv_sec)
-                             : WriteWholeLineToStderr(line);
-    return written ? int(line.size()) : -1;
+                             ? TheLogFile().Append(output + 5, line, size, now.tv_sec)
+                             : WriteWholeLineToStderr(line, size);
+    return written ? int(size) : -1;
 }
