@@ -1,6 +1,7 @@
 // The host platform seam: log line format and destinations, tag switching,
 // refusal injection, and the library's one logging helper on top of it.
 #include "dlog.h"
+#include "dlog_switch.h"
 #include "debug_menu.h"
 #include "cim_api.h"
 
@@ -12,14 +13,18 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <sstream>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -256,21 +261,163 @@ TEST(HostDebugMenu, RefusedCallsFailAndChangeNothing) {
     EXPECT_EQ(log.Messages(), (std::vector<std::string>{"still running"}));
 }
 
-TEST(LogHelper, PrefixesSourceFunctionAndLineUnderTheCoreTag) {
-    cimtest::LogCapture log;
-    CIM::Log::Info("Some.cpp", "Func", 12, "value %d", 7);
-    CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
-    const std::string longText(5000, 'x');  // longer than any buffer: not cut
-    CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", longText.c_str());
-    const std::vector<std::string> lines = log.Lines();
-    ASSERT_EQ(lines.size(), 3u);
+// "MM-DD HH:MM:SS.mmm" of a moment, written independently of the log.
+std::string Stamp(const struct timeval& moment) {
+    struct tm local;
+    ::localtime_r(&moment.tv_sec, &local);
+    char text[32];
+    const size_t size = std::strftime(text, sizeof text, "%m-%d %H:%M:%S", &local);
+    std::snprintf(text + size, sizeof text - size, ".%03ld", long(moment.tv_usec / 1000));
+    return text;
+}
+
+// Every byte of the helper's lines, to a file and to standard error: short
+// and long messages (across every buffer size inside), %-signs in arguments,
+// negative line numbers, a dropped trailing line feed, three priorities.
+TEST(LogHelper, LinesKeepTheirExactBytesInAFileAndOnStandardError) {
+    const std::string longFile(800, 'f');
+    std::vector<std::string> expected;  // after the stamp, with the line end
     const std::string ids = Ids(::getpid(), ::gettid());
-    EXPECT_EQ(lines[0].substr(kStampLength), "I/CI_CORE" + ids + "Some.cpp: Func(12) > value 7");
-    EXPECT_EQ(lines[1].substr(kStampLength), "E/CI_CORE" + ids + "Other.cpp: ~Other(3) > ");
-    EXPECT_EQ(lines[2].substr(kStampLength), "W/CI_CORE" + ids + "Long.cpp: Long(1) > " + longText);
+    auto logAll = [&] {
+        expected.clear();
+        CIM::Log::Info("Some.cpp", "Func", 12, "value %d", 7);
+        expected.push_back("I/CI_CORE" + ids + "Some.cpp: Func(12) > value 7\n");
+        CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
+        expected.push_back("E/CI_CORE" + ids + "Other.cpp: ~Other(3) > \n");
+        CIM::Log::Info("Pct.cpp", "Pct", -37, "100%% of [%s]", "%s%d%n%%");
+        expected.push_back("I/CI_CORE" + ids + "Pct.cpp: Pct(-37) > 100% of [%s%d%n%%]\n");
+        CIM::Log::Error("Feed.cpp", "Feed", 0, "ends with line feed\n");
+        expected.push_back("E/CI_CORE" + ids + "Feed.cpp: Feed(0) > ends with line feed\n");
+        for (size_t size : {745, 746, 747, 748, 749, 893, 894, 895, 896, 897, 5000, 70000}) {
+            const std::string text(size, char('a' + size % 26));
+            CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", text.c_str());
+            expected.push_back("W/CI_CORE" + ids + "Long.cpp: Long(1) > " + text + "\n");
+        }
+        CIM::Log::Info(longFile.c_str(), "F", 2, "%d%%", 50);
+        expected.push_back("I/CI_CORE" + ids + longFile + ": F(2) > 50%\n");
+    };
+    auto check = [&](const std::string& content, const std::string& first,
+                     const std::string& last) {
+        size_t at = 0;
+        for (const std::string& rest : expected) {
+            ASSERT_LE(at + kStampLength + rest.size(), content.size()) << rest.substr(0, 60);
+            const std::string stamp = content.substr(at, kStampLength - 1);
+            EXPECT_TRUE(std::regex_search(content.substr(at, kStampLength), kStamp)) << stamp;
+            EXPECT_TRUE(first <= stamp && stamp <= last) << first << " " << stamp << " " << last;
+            EXPECT_EQ(content.substr(at + kStampLength, rest.size()), rest);
+            at += kStampLength + rest.size();
+        }
+        EXPECT_EQ(at, content.size());
+    };
+    struct timeval before, after;
+    {
+        cimtest::LogCapture log;
+        ::gettimeofday(&before, nullptr);
+        logAll();
+        ::gettimeofday(&after, nullptr);
+        check(cimtest::ReadFile(log.Path()), Stamp(before), Stamp(after));
+    }
+    cimtest::TempDir dir;
+    const std::string errPath = dir.File("stderr");
+    const int errFd = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int savedStderr = ::dup(STDERR_FILENO);
+    ASSERT_GE(errFd, 0);
+    {
+        cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
+        ::dup2(errFd, STDERR_FILENO);
+        ::gettimeofday(&before, nullptr);
+        logAll();
+        ::gettimeofday(&after, nullptr);
+        ::dup2(savedStderr, STDERR_FILENO);
+    }
+    ::close(savedStderr);
+    ::close(errFd);
+    check(cimtest::ReadFile(errPath), Stamp(before), Stamp(after));
 
     EXPECT_EQ(CIM::ToString(true), "true");
     EXPECT_EQ(CIM::ToString(false), "false");
+}
+
+// The helper asks before it formats: with its tag stopped or the output
+// "none" it writes nothing, and every switch, either way, counts from the
+// next line, also while other threads log.
+TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
+    using cimhost::EHostSetting;
+    cimtest::LogCapture log;
+    const std::string toFile = "file:" + log.Path();
+    int next = 0;
+    std::vector<std::string> written;
+    auto lineIf = [&](bool on) {
+        EXPECT_EQ(CIM::Log::IsOn(), on) << "before line " << next;
+        if (on) {
+            written.push_back("Gate.cpp: Gate(1) > " + std::to_string(next));
+        }
+        int formatted = -1;  // %n tells whether the message was formatted at all
+        CIM::Log::Info("Gate.cpp", "Gate", 1, "%d%n", next++, &formatted);
+        EXPECT_EQ(formatted >= 0, on) << "line " << next - 1;
+    };
+    lineIf(true);
+    ASSERT_EQ(stopdlogtagbydefault("CI_CORE"), 0);
+    lineIf(false);
+    ASSERT_EQ(stopdlogtagbydefault("T_OTHER"), 0);  // another tag changes nothing here
+    ASSERT_EQ(startdlogtagbydefault("T_OTHER"), 0);
+    lineIf(false);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
+    ASSERT_EQ(startdlogtagbydefault("CI_CORE"), 0);
+    lineIf(false);  // still "none"
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
+    lineIf(true);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
+    lineIf(false);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
+    lineIf(true);
+    {
+        cimtest::ScopedHostSetting refuse(EHostSetting::DLOG_REFUSE, "CI_CORE");
+        EXPECT_EQ(stopdlogtagbydefault("CI_CORE"), -1);  // refused: stays on
+        lineIf(true);
+    }
+    // The platform's word for a tag: one per tag, following its switches.
+    const int* word = cim_dlog_tag_switch("T_WORD");
+    EXPECT_EQ(cim_dlog_tag_switch("T_WORD"), word);
+    EXPECT_NE(*word, 0);
+    ASSERT_EQ(stopdlogtagbydefault("T_WORD"), 0);
+    EXPECT_EQ(*word, 0);
+    ASSERT_EQ(startdlogtagbydefault("T_WORD"), 0);
+    EXPECT_NE(*word, 0);
+    EXPECT_EQ(log.Messages(), written);
+
+    // Switched both ways while two threads log: no race, only whole lines.
+    log.Clear();
+    std::atomic<bool> stop(false);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([t, &stop] {
+            for (int i = 0; !stop; ++i) {
+                CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
+            }
+        });
+    }
+    for (int round = 0; round < 200; ++round) {
+        if (round % 2 == 0) {
+            stopdlogtagbydefault("CI_CORE");
+            startdlogtagbydefault("CI_CORE");
+        } else {
+            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
+            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
+        }
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    CIM::Log::Info("Gate.cpp", "Gate", 3, "last");
+    const std::vector<std::string> messages = log.Messages();
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages.back(), "Gate.cpp: Gate(3) > last");
+    const std::regex whole(R"(^Gate\.cpp: Gate\(2\) > \d:\d+:end$)");
+    for (size_t i = 0; i + 1 < messages.size(); ++i) {
+        ASSERT_TRUE(std::regex_match(messages[i], whole)) << messages[i];
+    }
 }
 
 }  // namespace
