@@ -199,7 +199,7 @@ const char* LocalSecond(time_t second) {
     thread_local time_t cachedSecond = -1;
     thread_local char text[15];
     if (second != cachedSecond) {
-        struct tm local;
+        struct tm local = {};
         ::localtime_r(&second, &local);
         char* out = text;
         out = PutDigits(out, (unsigned long)(local.tm_mon + 1), 2);
