@@ -76,10 +76,10 @@ void SetTagStopped(const std::string& tag, bool stopped) {
         tags.erase(tag);
     }
     gStoppedCount.store(tags.size(), std::memory_order_release);
-    const bool none = IsOutputNone();
     for (TagSwitch& entry : Switches()) {
         if (entry.tag == tag) {
-            Refresh(entry, none);
+            // Asked here, not before: the destination is read at the first line.
+            Refresh(entry, IsOutputNone());
         }
     }
 }
