@@ -57,6 +57,10 @@ using BenchFunction = std::function<double(Run&)>;
 void Register(const std::string& group, const std::string& name, Role role, long iterations,
               BenchFunction function);
 
+// At most `runs` runs for the entries of `group`, whatever --runs says: for
+// rows that take seconds each and vary little.
+void LimitRuns(const std::string& group, int runs);
+
 inline double SecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }

@@ -73,7 +73,10 @@ double Footprint(Run& run, Make make, Destroy destroy) {
     make();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const long rssAfter = StatusField("/proc/self/status", "VmRSS");
-    const long threads = long(ThreadIds().size()) - long(before.size());
+    long threads = 0;
+    for (long id : ThreadIds()) {
+        threads += before.count(id) == 0;
+    }
     const double idle = run.Quick() ? 0.25 : 1.0;
     const long switchesBefore = SwitchesOfNewThreads(before);
     std::this_thread::sleep_for(std::chrono::duration<double>(idle));
@@ -251,11 +254,13 @@ const bool kRegistered = [] {
     Register(idle, "legacy TCAlarm, period 1 min, on one task", Role::kCimcore, 1, LegacyAlarms);
     Register(idle, "std::thread waiting on a condition", Role::kPeer, 1, BareThreads);
     Register(idle, "steady_timer of 1 min on one loop thread", Role::kPeer, 1, SteadyTimers);
+    LimitRuns(idle, 3);
     const std::string library = "shared library";
     Register(library, "libcimcore.so", Role::kCimcore, 1,
              [](Run& run) { return LibrarySize(run, CIMBENCH_LIBCIMCORE); });
     Register(library, "libPocoFoundation.so, for scale", Role::kPeer, 1,
              [](Run& run) { return LibrarySize(run, CIMBENCH_LIBPOCO); });
+    LimitRuns(library, 1);
     return true;
 }();
 

@@ -94,6 +94,11 @@ std::vector<Entry>& Entries() {
     return entries;
 }
 
+std::map<std::string, int>& RunLimits() {
+    static std::map<std::string, int> limits;
+    return limits;
+}
+
 std::string CpuModel() {
     std::ifstream in("/proc/cpuinfo");
     for (std::string line; std::getline(in, line);) {
@@ -177,7 +182,9 @@ void PrintGroup(const std::vector<Entry*>& entries, int runs) {
                         Number(low).c_str(), Number(high).c_str());
         }
     }
-    // Every cimcore entry against every other entry of the group.
+    // Every cimcore entry against every entry of the group that is not
+    // cimcore's, and against the next cimcore entry (the same operation with
+    // one thing changed).
     for (size_t i = 0; i < entries.size(); ++i) {
         const Entry* cim = entries[i];
         if (cim->role != Role::kCimcore || !cim->rate || cim->nsPerOp.empty()) {
@@ -187,7 +194,7 @@ void PrintGroup(const std::vector<Entry*>& entries, int runs) {
         for (size_t j = 0; j < entries.size(); ++j) {
             const Entry* other = entries[j];
             if (j == i || !other->rate || other->nsPerOp.empty() ||
-                (other->role == Role::kCimcore && j < i)) {
+                (other->role == Role::kCimcore && j != i + 1)) {
                 continue;
             }
             if (!header) {
@@ -221,6 +228,10 @@ void Register(const std::string& group, const std::string& name, Role role, long
     entry.iterations = iterations;
     entry.function = std::move(function);
     Entries().push_back(std::move(entry));
+}
+
+void LimitRuns(const std::string& group, int runs) {
+    RunLimits()[group] = runs;
 }
 
 long HeapBytesInUse() {
@@ -356,7 +367,17 @@ int main(int argc, char** argv) {
 
     for (const std::string& group : groups) {
         std::vector<Entry*>& entries = members[group];
-        for (int run = 0; run < runs; ++run) {
+        const int groupRuns =
+            RunLimits().count(group) != 0 ? std::min(runs, RunLimits()[group]) : runs;
+        // One short untimed pass first, so that no entry's first run pays
+        // for cold caches, lazy binding or the first touch of the heap.
+        for (Entry* entry : entries) {
+            if (entry->iterations > 1) {
+                Run warmUp(std::max(1L, long(double(entry->iterations) * scale / 10)), quick);
+                entry->function(warmUp);
+            }
+        }
+        for (int run = 0; run < groupRuns; ++run) {
             for (Entry* entry : entries) {
                 if (!entry->skipped.empty()) {
                     continue;
@@ -385,7 +406,7 @@ int main(int argc, char** argv) {
                 }
             }
         }
-        PrintGroup(entries, runs);
+        PrintGroup(entries, groupRuns);
     }
     return 0;
 }

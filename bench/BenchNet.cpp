@@ -499,7 +499,7 @@ double RawUdpReceive(Run& run) {
 }
 
 const bool kRegistered = [] {
-    const char* const logs[] = {"log at its default destination", "log output none"};
+    const char* const logs[] = {"log to default (stderr)", "log output none"};
     const std::string tcpSend = "TCP 64 KiB sent on loopback, per 64 KiB";
     for (int i = 0; i < 2; ++i) {
         Register(tcpSend, std::string("SendData, ") + logs[i], Role::kCimcore, kChunks,
@@ -509,14 +509,12 @@ const bool kRegistered = [] {
 
     const std::string tcpReceive = "TCP 64 KiB received on loopback, per 64 KiB";
     for (int i = 0; i < 2; ++i) {
-        Register(tcpReceive, std::string("ReadData chained from its callback, ") + logs[i],
-                 Role::kCimcore, kChunks,
-                 [=](Run& run) { return LibraryTcpReceive(run, i == 0, true); });
+        Register(tcpReceive, std::string("ReadData from its callback, ") + logs[i], Role::kCimcore,
+                 kChunks, [=](Run& run) { return LibraryTcpReceive(run, i == 0, true); });
     }
     for (int i = 0; i < 2; ++i) {
-        Register(tcpReceive, std::string("ReadData, caller waits for each, ") + logs[i],
-                 Role::kCimcore, kChunks,
-                 [=](Run& run) { return LibraryTcpReceive(run, i == 0, false); });
+        Register(tcpReceive, std::string("ReadData, caller waits each, ") + logs[i], Role::kCimcore,
+                 kChunks, [=](Run& run) { return LibraryTcpReceive(run, i == 0, false); });
     }
     Register(tcpReceive, "recv(2) on a raw socket", Role::kPeerAndFloor, kChunks, RawTcpReceive);
 
@@ -529,9 +527,8 @@ const bool kRegistered = [] {
 
     const std::string udpReceive = "UDP 512-byte datagrams received on loopback, per datagram";
     for (int i = 0; i < 2; ++i) {
-        Register(udpReceive, std::string("ReadData chained from its callback, ") + logs[i],
-                 Role::kCimcore, kDatagrams,
-                 [=](Run& run) { return LibraryUdpReceive(run, i == 0); });
+        Register(udpReceive, std::string("ReadData from its callback, ") + logs[i], Role::kCimcore,
+                 kDatagrams, [=](Run& run) { return LibraryUdpReceive(run, i == 0); });
     }
     Register(udpReceive, "recv(2) on a raw socket", Role::kPeerAndFloor, kDatagrams, RawUdpReceive);
     return true;
