@@ -38,7 +38,8 @@ namespace {
 // mutex under every semaphore, a semaphore that is a count and a condition
 // signalled under that mutex, a recursive mutex made of such a semaphore, and
 // an event ring of 256 guarded by that mutex with a counting semaphore for
-// the reader. No checks, no allocation of semaphore blocks.
+// the reader. No checks; the only allocation is the reply semaphore of a
+// synchronous put, which the design allocates too.
 namespace design {
 
 pthread_mutex_t gGlobal = PTHREAD_MUTEX_INITIALIZER;
@@ -71,7 +72,7 @@ class Mutex {
 public:
     void Lock() {
         const pthread_t self = ::pthread_self();
-        if (m_depth > 0 && ::pthread_equal(m_owner.load(std::memory_order_relaxed), self)) {
+        if (::pthread_equal(m_owner.load(std::memory_order_relaxed), self)) {
             ++m_depth;
             return;
         }

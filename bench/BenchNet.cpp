@@ -179,10 +179,12 @@ double LibraryTcpSend(Run& run, bool defaultLog) {
         const std::vector<uint8_t> data(kChunk, 0x5a);
         const long n = run.Iterations();
         std::atomic<long> completions(0);
+        std::atomic<long> reported(0);
         Latch allDone;
         const auto start = std::chrono::steady_clock::now();
         for (long i = 0; i < n; ++i) {
-            connection.SendData(data, [&](const boost::system::error_code&, std::size_t) {
+            connection.SendData(data, [&](const boost::system::error_code&, std::size_t sent) {
+                reported += long(sent);
                 if (++completions == n) {
                     allDone.Set();
                 }
@@ -192,6 +194,10 @@ double LibraryTcpSend(Run& run, bool defaultLog) {
         connection.Disconnect();
         bytes = sink.Finish();
         seconds = SecondsSince(start);
+        if (reported.load() != bytes) {
+            run.Fail("the callbacks reported " + std::to_string(reported.load()) +
+                     " bytes, the peer got " + std::to_string(bytes));
+        }
     }
     task->Join();
     return PerChunk(run, seconds, bytes);

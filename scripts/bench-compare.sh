@@ -79,3 +79,36 @@ for round in $(seq 1 "$rounds"); do
     cat "$work/$side-$round.txt"
   done
 done
+
+# Side by side: the best time of every rate row over all rounds, and the
+# current library's rate over the base's (above 1: the current one is faster).
+# Peers and floors do not change between the two builds, so their ratios show
+# how much the machine drifted meanwhile.
+echo
+echo "######## best ns/op over $rounds rounds; current / base as rates (>1: current faster)"
+summarise() {  # file...
+  awk '
+    /^== / { group = substr($0, 4); sub(/  \([0-9]+ runs.*$/, "", group); next }
+    /^   (cimcore|peer|design floor|machine floor|peer = floor) / {
+      if ($NF !~ /%$/ || index($0, "FAILED") > 0) next
+      name = substr($0, 19, 59); sub(/ +$/, "", name)
+      print group "\t" name "\t" $(NF-2)
+    }' "$@"
+}
+for side in base current; do
+  files=()
+  for round in $(seq 1 "$rounds"); do files+=("$work/$side-$round.txt"); done
+  summarise "${files[@]}" | awk -F'\t' -v side="$side" '{ print side "\t" $0 }'
+done | awk -F'\t' '
+  { key = $2 "\t" $3
+    if (!(key in seen)) { seen[key] = 1; order[++n] = key }
+    if (!((key, $1) in best) || $4 + 0 < best[key, $1]) best[key, $1] = $4 + 0 }
+  END {
+    last = ""
+    for (i = 1; i <= n; ++i) {
+      split(order[i], part, "\t")
+      if (part[1] != last) { printf "\n%s\n", part[1]; last = part[1] }
+      b = best[order[i], "base"]; c = best[order[i], "current"]
+      printf "  %-58s %12.2f %12.2f %7.2fx\n", part[2], b, c, (c > 0 ? b / c : 0)
+    }
+  }'
