@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing (the peers ACE and POCO), builds the bench preset
-# and runs cim-bench. Arguments go to cim-bench (--quick, --filter TEXT).
+# and runs cim-bench. Arguments go to cim-bench (--quick, --runs N,
+# --filter TEXT, --list). scripts/bench-compare.sh measures before and after.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
