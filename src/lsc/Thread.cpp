@@ -1,5 +1,6 @@
 #include <cimcore/internal/lsc/Thread.h>
 
+#include "KernelThreadId.h"
 #include "LscCheck.h"
 
 #include <cimcore/CIMDebug.h>
@@ -37,6 +38,13 @@ std::vector<void*>& AbandonedBlocks() {  // guarded by TimeMutex
     return *blocks;
 }
 
+// 0 until the thread has asked; no thread has the id 0.
+thread_local int tCachedTid = 0;
+
+void ForgetCachedTid() {
+    tCachedTid = 0;
+}
+
 int KernelThreadId() {
     return static_cast<int>(::syscall(SYS_gettid));
 }
@@ -58,6 +66,16 @@ bool NiceValueFor(int priority, int* nice) {
 }
 
 }  // namespace
+
+int CurrentKernelThreadId() {
+    // Registered once, before the first id is cached.
+    static const int registered = pthread_atfork(nullptr, nullptr, &ForgetCachedTid);
+    static_cast<void>(registered);
+    if (tCachedTid == 0) {
+        tCachedTid = KernelThreadId();
+    }
+    return tCachedTid;
+}
 
 // ---- TCSemaphore -------------------------------------------------------------
 
@@ -89,12 +107,8 @@ TCSemaphore::~TCSemaphore() {
 }
 
 bool TCSemaphore::Create(int count) {
-    TimeLock lock;
-    if (m_block.load() != nullptr) {
-        lock.Unlock();
-        CIM_LSC_EXPECT(false, "FlagCreate() == false");
-        return false;
-    }
+    // Made before taking TimeMutex, which every legacy semaphore of the
+    // process waits for; only the check and the publication need it.
     Block* block = new (std::nothrow) Block;
     if (block != nullptr) {
         if (pthread_cond_init(&block->condition, nullptr) == 0) {
@@ -104,6 +118,16 @@ bool TCSemaphore::Create(int count) {
             delete block;
             block = nullptr;
         }
+    }
+    TimeLock lock;
+    if (m_block.load() != nullptr) {
+        lock.Unlock();
+        if (block != nullptr) {
+            pthread_cond_destroy(&block->condition);
+            delete block;
+        }
+        CIM_LSC_EXPECT(false, "FlagCreate() == false");
+        return false;
     }
     m_block.store(block);
     return block != nullptr;
@@ -125,12 +149,14 @@ void TCSemaphore::Destroy() {
         return;
     }
     m_block.store(nullptr);
-    if (block->waiters == 0) {
-        pthread_cond_destroy(&block->condition);
-        delete block;
-    } else {
+    if (block->waiters != 0) {
         AbandonedBlocks().push_back(block);
+        return;
     }
+    // Unreachable from here on: freed outside TimeMutex.
+    lock.Unlock();
+    pthread_cond_destroy(&block->condition);
+    delete block;
 }
 
 void TCSemaphore::Take() {
@@ -214,7 +240,11 @@ void TCSemaphore::Give() {
     ++block->count;
     // Signalled under TimeMutex: the woken thread cannot return (and free
     // the block, as a synchronous sender does) before this call is done.
-    pthread_cond_signal(&block->condition);
+    // Every thread inside a wait is counted until it has the lock again, so
+    // skipping the signal when none is counted loses no wake-up.
+    if (block->waiters > 0) {
+        pthread_cond_signal(&block->condition);
+    }
 }
 
 // ---- TCMutex -------------------------------------------------------------------
@@ -360,7 +390,7 @@ bool TCThread::SetPriority(int priority) {
 void* TCThread::_Process(void* object) {
     TCThread* thread = static_cast<TCThread*>(object);
     thread->m_startSync.Take();
-    thread->m_tid.store(KernelThreadId());
+    thread->m_tid.store(CurrentKernelThreadId());
     thread->m_pidSync.Give();
     if (thread->m_name[0] != '\0') {
         prctl(PR_SET_NAME, thread->m_name, 0, 0, 0);
@@ -379,7 +409,7 @@ bool TCThreadSelf::SetPriority(int priority) {
     if (!NiceValueFor(priority, &nice)) {
         return false;
     }
-    return setpriority(PRIO_PROCESS, static_cast<id_t>(KernelThreadId()), nice) == 0;
+    return setpriority(PRIO_PROCESS, static_cast<id_t>(CurrentKernelThreadId()), nice) == 0;
 }
 
 pthread_t TCThreadSelf::Id() {
