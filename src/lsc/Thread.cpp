@@ -22,6 +22,10 @@ namespace {
 constexpr const char* kSourcePath = "src/lsc/Thread";
 }  // namespace
 
+// m_block is read and written under TimeMutex, which orders it; only
+// FlagCreate reads it without the lock. m_owner is only ever compared with
+// the caller's own id, which only the caller stores there, so it needs no
+// order either.
 struct TCSemaphore::Block {
     pthread_cond_t condition;
     int32_t count;
@@ -120,7 +124,7 @@ bool TCSemaphore::Create(int count) {
         }
     }
     TimeLock lock;
-    if (m_block.load() != nullptr) {
+    if (m_block.load(std::memory_order_relaxed) != nullptr) {
         lock.Unlock();
         if (block != nullptr) {
             pthread_cond_destroy(&block->condition);
@@ -129,12 +133,12 @@ bool TCSemaphore::Create(int count) {
         CIM_LSC_EXPECT(false, "FlagCreate() == false");
         return false;
     }
-    m_block.store(block);
+    m_block.store(block, std::memory_order_release);
     return block != nullptr;
 }
 
 TCSemaphore::Block* TCSemaphore::m_LockedBlock(TimeLock& lock, const char* function) {
-    Block* block = m_block.load();
+    Block* block = m_block.load(std::memory_order_relaxed);
     if (block == nullptr) {
         lock.Unlock();
         CIM::Log::AssertFailed("FlagCreate() == true", kSourcePath, __LINE__, function);
@@ -148,7 +152,7 @@ void TCSemaphore::Destroy() {
     if (block == nullptr) {
         return;
     }
-    m_block.store(nullptr);
+    m_block.store(nullptr, std::memory_order_release);
     if (block->waiters != 0) {
         AbandonedBlocks().push_back(block);
         return;
@@ -223,7 +227,7 @@ bool TCSemaphore::Try(unsigned long timeout) {
 
 bool TCSemaphore::Poll() {
     TimeLock lock;
-    Block* block = m_block.load();
+    Block* block = m_block.load(std::memory_order_relaxed);
     if (block == nullptr || block->count <= 0) {
         return false;
     }
@@ -260,7 +264,7 @@ bool TCMutex::Create() {
     if (!CIM_LSC_CHECK(FlagCreate() == false)) {
         return false;
     }
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_recursion = 0;
     return m_semaphore.Create(1);
 }
@@ -270,7 +274,7 @@ bool TCMutex::Destroy() {
         return false;
     }
     m_semaphore.Destroy();
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_recursion = 0;
     return true;
 }
@@ -280,12 +284,12 @@ void TCMutex::Lock() {
         return;
     }
     const pthread_t self = pthread_self();
-    if (m_owner.load() == self) {
+    if (m_owner.load(std::memory_order_relaxed) == self) {
         ++m_recursion;
         return;
     }
     m_semaphore.Take();
-    m_owner.store(self);
+    m_owner.store(self, std::memory_order_relaxed);
     m_recursion = 1;
 }
 
@@ -293,13 +297,13 @@ bool TCMutex::Unlock() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    if (m_owner.load() != pthread_self()) {
+    if (m_owner.load(std::memory_order_relaxed) != pthread_self()) {
         return false;
     }
     if (--m_recursion > 0) {
         return true;
     }
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_semaphore.Give();
     return true;
 }
