@@ -82,6 +82,8 @@ bool TCQueue::PutSync(TSEvent* event, bool wait, bool priority) {
             m_tail = NextSlot(m_tail);
         }
         ++m_count;
+        // Given before the mutex is let go, as designed: the reader it wakes
+        // usually waits once more, for this mutex.
         m_items.Give();
     }
     if (wait) {

@@ -1,5 +1,6 @@
 #include <cimcore/internal/lsc/Sync.h>
 
+#include "KernelThreadId.h"
 #include "LscCheck.h"
 #include "MutexGuard.h"
 
@@ -11,8 +12,6 @@
 #include <new>
 
 #include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace {
 constexpr const char* kSourcePath = "src/lsc/Sync";
@@ -66,12 +65,15 @@ int TCSyncDet::Add(PTSyncDetInfo* pData) {
     if (!CIM_LSC_CHECK(pData) || !CIM_LSC_CHECK(m_arrPCSyncDet)) {
         return -1;
     }
+    // Read before locking: the tick is a system call that other senders would
+    // wait out on the table's lock, and the entry means when this one came.
+    const unsigned long tick = CIM::TCCIMTime::Tick();
     TCMutexGuard guard(*m_pLock);
     for (int i = 0; i < MAX_SYNC_TASKS; ++i) {
         PTSyncDetInfo& entry = m_arrPCSyncDet[i];
         if (!entry.bValid) {
             entry = *pData;
-            entry.ulTick = CIM::TCCIMTime::Tick();
+            entry.ulTick = tick;
             entry.bValid = true;
             return i;
         }
@@ -105,7 +107,7 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
     // The int argument cannot hold a whole pthread_t on a 64-bit host, so
     // the caller's id is read here, on the caller's own thread.
     info.ulCallerId = static_cast<unsigned long>(pthread_self());
-    info.iCallerTid = static_cast<int32_t>(::syscall(SYS_gettid));
+    info.iCallerTid = static_cast<int32_t>(CurrentKernelThreadId());
     CopyName(info.szCallerName, sizeof info.szCallerName, name);
 
     TCTask* task =

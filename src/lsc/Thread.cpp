@@ -1,5 +1,6 @@
 #include <cimcore/internal/lsc/Thread.h>
 
+#include "KernelThreadId.h"
 #include "LscCheck.h"
 
 #include <cimcore/CIMDebug.h>
@@ -21,6 +22,10 @@ namespace {
 constexpr const char* kSourcePath = "src/lsc/Thread";
 }  // namespace
 
+// m_block is read and written under TimeMutex, which orders it; only
+// FlagCreate reads it without the lock. m_owner is only ever compared with
+// the caller's own id, which only the caller stores there, so it needs no
+// order either.
 struct TCSemaphore::Block {
     pthread_cond_t condition;
     int32_t count;
@@ -35,6 +40,13 @@ namespace {
 std::vector<void*>& AbandonedBlocks() {  // guarded by TimeMutex
     static std::vector<void*>* blocks = new std::vector<void*>;
     return *blocks;
+}
+
+// 0 until the thread has asked; no thread has the id 0.
+thread_local int tCachedTid = 0;
+
+void ForgetCachedTid() {
+    tCachedTid = 0;
 }
 
 int KernelThreadId() {
@@ -58,6 +70,16 @@ bool NiceValueFor(int priority, int* nice) {
 }
 
 }  // namespace
+
+int CurrentKernelThreadId() {
+    // Registered once, before the first id is cached.
+    static const int registered = pthread_atfork(nullptr, nullptr, &ForgetCachedTid);
+    static_cast<void>(registered);
+    if (tCachedTid == 0) {
+        tCachedTid = KernelThreadId();
+    }
+    return tCachedTid;
+}
 
 // ---- TCSemaphore -------------------------------------------------------------
 
@@ -89,12 +111,8 @@ TCSemaphore::~TCSemaphore() {
 }
 
 bool TCSemaphore::Create(int count) {
-    TimeLock lock;
-    if (m_block.load() != nullptr) {
-        lock.Unlock();
-        CIM_LSC_EXPECT(false, "FlagCreate() == false");
-        return false;
-    }
+    // Made before taking TimeMutex, which every legacy semaphore of the
+    // process waits for; only the check and the publication need it.
     Block* block = new (std::nothrow) Block;
     if (block != nullptr) {
         if (pthread_cond_init(&block->condition, nullptr) == 0) {
@@ -105,12 +123,22 @@ bool TCSemaphore::Create(int count) {
             block = nullptr;
         }
     }
-    m_block.store(block);
+    TimeLock lock;
+    if (m_block.load(std::memory_order_relaxed) != nullptr) {
+        lock.Unlock();
+        if (block != nullptr) {
+            pthread_cond_destroy(&block->condition);
+            delete block;
+        }
+        CIM_LSC_EXPECT(false, "FlagCreate() == false");
+        return false;
+    }
+    m_block.store(block, std::memory_order_release);
     return block != nullptr;
 }
 
 TCSemaphore::Block* TCSemaphore::m_LockedBlock(TimeLock& lock, const char* function) {
-    Block* block = m_block.load();
+    Block* block = m_block.load(std::memory_order_relaxed);
     if (block == nullptr) {
         lock.Unlock();
         CIM::Log::AssertFailed("FlagCreate() == true", kSourcePath, __LINE__, function);
@@ -124,13 +152,15 @@ void TCSemaphore::Destroy() {
     if (block == nullptr) {
         return;
     }
-    m_block.store(nullptr);
-    if (block->waiters == 0) {
-        pthread_cond_destroy(&block->condition);
-        delete block;
-    } else {
+    m_block.store(nullptr, std::memory_order_release);
+    if (block->waiters != 0) {
         AbandonedBlocks().push_back(block);
+        return;
     }
+    // Unreachable from here on: freed outside TimeMutex.
+    lock.Unlock();
+    pthread_cond_destroy(&block->condition);
+    delete block;
 }
 
 void TCSemaphore::Take() {
@@ -197,7 +227,7 @@ bool TCSemaphore::Try(unsigned long timeout) {
 
 bool TCSemaphore::Poll() {
     TimeLock lock;
-    Block* block = m_block.load();
+    Block* block = m_block.load(std::memory_order_relaxed);
     if (block == nullptr || block->count <= 0) {
         return false;
     }
@@ -214,7 +244,11 @@ void TCSemaphore::Give() {
     ++block->count;
     // Signalled under TimeMutex: the woken thread cannot return (and free
     // the block, as a synchronous sender does) before this call is done.
-    pthread_cond_signal(&block->condition);
+    // Every thread inside a wait is counted until it has the lock again, so
+    // skipping the signal when none is counted loses no wake-up.
+    if (block->waiters > 0) {
+        pthread_cond_signal(&block->condition);
+    }
 }
 
 // ---- TCMutex -------------------------------------------------------------------
@@ -230,7 +264,7 @@ bool TCMutex::Create() {
     if (!CIM_LSC_CHECK(FlagCreate() == false)) {
         return false;
     }
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_recursion = 0;
     return m_semaphore.Create(1);
 }
@@ -240,7 +274,7 @@ bool TCMutex::Destroy() {
         return false;
     }
     m_semaphore.Destroy();
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_recursion = 0;
     return true;
 }
@@ -250,12 +284,12 @@ void TCMutex::Lock() {
         return;
     }
     const pthread_t self = pthread_self();
-    if (m_owner.load() == self) {
+    if (m_owner.load(std::memory_order_relaxed) == self) {
         ++m_recursion;
         return;
     }
     m_semaphore.Take();
-    m_owner.store(self);
+    m_owner.store(self, std::memory_order_relaxed);
     m_recursion = 1;
 }
 
@@ -263,13 +297,13 @@ bool TCMutex::Unlock() {
     if (!CIM_LSC_CHECK(FlagCreate() == true)) {
         return false;
     }
-    if (m_owner.load() != pthread_self()) {
+    if (m_owner.load(std::memory_order_relaxed) != pthread_self()) {
         return false;
     }
     if (--m_recursion > 0) {
         return true;
     }
-    m_owner.store(0);
+    m_owner.store(0, std::memory_order_relaxed);
     m_semaphore.Give();
     return true;
 }
@@ -360,7 +394,7 @@ bool TCThread::SetPriority(int priority) {
 void* TCThread::_Process(void* object) {
     TCThread* thread = static_cast<TCThread*>(object);
     thread->m_startSync.Take();
-    thread->m_tid.store(KernelThreadId());
+    thread->m_tid.store(CurrentKernelThreadId());
     thread->m_pidSync.Give();
     if (thread->m_name[0] != '\0') {
         prctl(PR_SET_NAME, thread->m_name, 0, 0, 0);
@@ -379,7 +413,7 @@ bool TCThreadSelf::SetPriority(int priority) {
     if (!NiceValueFor(priority, &nice)) {
         return false;
     }
-    return setpriority(PRIO_PROCESS, static_cast<id_t>(KernelThreadId()), nice) == 0;
+    return setpriority(PRIO_PROCESS, static_cast<id_t>(CurrentKernelThreadId()), nice) == 0;
 }
 
 pthread_t TCThreadSelf::Id() {

@@ -1,5 +1,7 @@
 #include <cimcore/internal/lsc/Sync.h>
 
+#include <cimcore/CIMTime.h>
+
 #include "LscTestSupport.h"
 
 #include <cstring>
@@ -7,11 +9,36 @@
 #include <string>
 
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace cimtest {
 namespace {
 
 class SyncTest : public LscTest {};
+
+int OwnKernelTid() {
+    return static_cast<int>(::syscall(SYS_gettid));
+}
+
+// The kernel thread id that the table recorded for a synchronous send from
+// the calling thread, read by the receiver while the sender waits.
+int RecordedTidOfSyncSend(HeldTask& task) {
+    std::atomic<int> recorded{-1};
+    task.onUser = [&recorded](const TSEvent* event) {
+        TCSyncDet::m_pLock->Lock();
+        for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
+            const TCSyncDet::PTSyncDetInfo& entry = TCSyncDet::m_arrPCSyncDet[i];
+            if (entry.bValid && entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
+                recorded = entry.iCallerTid;
+            }
+        }
+        TCSyncDet::m_pLock->Unlock();
+    };
+    EXPECT_TRUE(SendTo(&task, EVENT_USER, true));
+    return recorded;
+}
 
 TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     LogCapture log;
@@ -56,6 +83,43 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     }
     EXPECT_EQ(completed, kSenders);
     EXPECT_EQ(SyncEntries(), 0);
+    task.Stop();
+}
+
+TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
+    HeldTask task;
+    ASSERT_TRUE(task.Create("receiver", 0, 0, 0));
+    // Twice from each thread: the second send reads the id the first kept.
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(RecordedTidOfSyncSend(task), OwnKernelTid());
+        int threadTid = 0;
+        int recorded = -1;
+        std::thread([&] {
+            threadTid = OwnKernelTid();
+            recorded = RecordedTidOfSyncSend(task);
+        }).join();
+        EXPECT_EQ(recorded, threadTid);
+        EXPECT_NE(threadTid, OwnKernelTid());
+    }
+
+    // The child goes on in the thread that forked, whose id is kept from the
+    // sends above. Holding TimeMutex across the fork keeps the task's thread
+    // from holding it there; the child must create no thread (sanitizers),
+    // so it registers a send itself instead of sending.
+    ASSERT_EQ(pthread_mutex_lock(&TimeMutex), 0);
+    const pid_t child = fork();
+    pthread_mutex_unlock(&TimeMutex);
+    if (child == 0) {
+        TSEvent event = MakeEvent(&task, EVENT_USER);
+        const int index = TCSyncDet::PCTaskSyncMonitoring(0, &event);
+        const bool right =
+            index >= 0 && TCSyncDet::m_arrPCSyncDet[index].iCallerTid == OwnKernelTid();
+        _exit(right ? 0 : 1);
+    }
+    ASSERT_GT(child, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     task.Stop();
 }
 

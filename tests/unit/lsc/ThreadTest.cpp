@@ -44,7 +44,14 @@ TEST(SemaphoreTest, TryZeroWaitsGivesAccumulateAndAnOvertakenTryWaitsAgain) {
     semaphore.Give();
     semaphore.Give();
     EXPECT_TRUE(semaphore.Poll());
+    {
+        // A second Create is refused and keeps the semaphore and its unit.
+        AssertRecorder recorder;
+        EXPECT_FALSE(semaphore.Create(5));
+        EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"FlagCreate() == false"});
+    }
     EXPECT_TRUE(semaphore.Poll());
+    EXPECT_FALSE(semaphore.Poll());
     const auto start = Clock::now();
     EXPECT_FALSE(semaphore.Try(60));
     EXPECT_GE(ElapsedMs(start), 58);
