@@ -65,15 +65,12 @@ int TCSyncDet::Add(PTSyncDetInfo* pData) {
     if (!CIM_LSC_CHECK(pData) || !CIM_LSC_CHECK(m_arrPCSyncDet)) {
         return -1;
     }
-    // Read before locking: the tick is a system call that other senders would
-    // wait out on the table's lock, and the entry means when this one came.
-    const unsigned long tick = CIM::TCCIMTime::Tick();
     TCMutexGuard guard(*m_pLock);
     for (int i = 0; i < MAX_SYNC_TASKS; ++i) {
         PTSyncDetInfo& entry = m_arrPCSyncDet[i];
         if (!entry.bValid) {
             entry = *pData;
-            entry.ulTick = tick;
+            entry.ulTick = CIM::TCCIMTime::Tick();
             entry.bValid = true;
             return i;
         }
