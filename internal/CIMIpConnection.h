@@ -120,6 +120,25 @@ private:
         std::vector<boost::shared_ptr<TCCIMAlarm>> alarms;  // guarded by mutex
     };
 
+    // One pending read: what its completion needs, in one recycled block.
+    // The completion holds only a pointer to it, so the callback that carries
+    // it through t_SocketAsynchronousRead copies without allocating.
+    struct TSRead {
+        TSRead(TCCIMIpConnection* owner, boost::shared_ptr<TCCIMAlarm> readAlarm,
+               TCIMIpDataCallback readCallback, std::shared_ptr<TSReadAlarms> alarmList)
+            : connection(owner),
+              alarm(std::move(readAlarm)),
+              callback(std::move(readCallback)),
+              readAlarms(std::move(alarmList)) {}
+        TCCIMIpConnection* connection;
+        boost::shared_ptr<TCCIMAlarm> alarm;  // empty without a time-out
+        TCIMIpDataCallback callback;
+        std::shared_ptr<TSReadAlarms> readAlarms;
+    };
+    struct TSReadCompletion {
+        void operator()(const boost::system::error_code& error, std::size_t transferred) const;
+        std::shared_ptr<TSRead> m_read;
+    };
     void m_StopReadAlarms();
     std::vector<boost::shared_ptr<TCCIMAlarm>> m_PendingReadAlarms() const;
 

@@ -6,8 +6,11 @@
 #include <exception>
 #include <memory>
 
+#include <boost/asio/executor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/make_shared.hpp>
+
+#include "CIMRecycler.h"
 
 namespace CIM {
 namespace {
@@ -17,6 +20,18 @@ constexpr const char* kSourcePath = "src/core/CIMAlarm";
 
 std::chrono::nanoseconds PeriodOf(int periodMs) {
     return std::chrono::nanoseconds(static_cast<int64_t>(periodMs) * 1000000);
+}
+
+// The polymorphic executor of a new timer, made once per loop thread:
+// making one from the io_context allocates, copying one only counts.
+const boost::asio::executor& ExecutorOf(boost::asio::io_context& context) {
+    thread_local boost::asio::io_context* cachedContext = nullptr;
+    thread_local boost::asio::executor cachedExecutor;
+    if (cachedContext != &context) {
+        cachedExecutor = context.get_executor();
+        cachedContext = &context;
+    }
+    return cachedExecutor;
 }
 
 }  // namespace
@@ -33,8 +48,9 @@ boost::shared_ptr<TCCIMAlarm> TCCIMAlarm::CreateAlarm(TICIMAlarmObserver* observ
                                                       boost::shared_ptr<TCCIMTask> task,
                                                       boost::function<void()> handler,
                                                       EAlarmType type, std::string name) {
-    return boost::shared_ptr<TCCIMAlarm>(
-        new TCCIMAlarm(observer, std::move(task), std::move(handler), type, std::move(name)));
+    // One block for the alarm and its count; a failure leaves nothing behind.
+    return boost::make_shared<TCCIMAlarm>(observer, std::move(task), std::move(handler), type,
+                                          std::move(name));
 }
 
 TCCIMAlarm::TCCIMAlarm(TICIMAlarmObserver* observer, boost::shared_ptr<TCCIMTask> task,
@@ -57,7 +73,9 @@ TCCIMAlarm::~TCCIMAlarm() {
 void TCCIMAlarm::SetTimer(int periodMs) {
     try {
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
-        boost::asio::post(m_task->GetStrand(), [self, periodMs] { self->m_SetTimer(periodMs); });
+        boost::asio::post(m_task->GetStrand(), Recycled([self = std::move(self), periodMs] {
+                              self->m_SetTimer(periodMs);
+                          }));
     } catch (const std::exception& error) {
         Log::Error(kFile, "SetTimer", 134, "%s", error.what());
     }
@@ -67,12 +85,16 @@ void TCCIMAlarm::StopTimer() {
     try {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
-        auto done = std::make_shared<std::promise<void>>();
+        // The promise and its shared state both come from the recycler.
+        auto done = std::allocate_shared<std::promise<void>>(
+            TCRecyclingAllocator<std::promise<void>>(), std::allocator_arg,
+            TCRecyclingAllocator<void>());
         m_stopFutures.push_back(done->get_future().share());
-        boost::asio::post(m_task->GetStrand(), [self, done] {
-            self->m_StopTimer();
-            done->set_value();
-        });
+        boost::asio::post(m_task->GetStrand(),
+                          Recycled([self = std::move(self), done = std::move(done)] {
+                              self->m_StopTimer();
+                              done->set_value();
+                          }));
     } catch (const std::exception& error) {
         Log::Error(kFile, "StopTimer", 98, "%s", error.what());
     }
@@ -81,7 +103,8 @@ void TCCIMAlarm::StopTimer() {
 void TCCIMAlarm::RunHandler() {
     try {
         boost::shared_ptr<TCCIMAlarm> self = shared_from_this();
-        boost::asio::post(m_task->GetStrand(), [self] { self->m_RunHandler(); });
+        boost::asio::post(m_task->GetStrand(),
+                          Recycled([self = std::move(self)] { self->m_RunHandler(); }));
     } catch (const std::exception& error) {
         Log::Error(kFile, "RunHandler", 152, "%s", error.what());
     }
@@ -134,7 +157,7 @@ void TCCIMAlarm::m_SetTimer(int periodMs) {
         m_active = true;
         // A fresh timer per start: its identity tells a live expiry from one
         // of an earlier start.
-        m_timer = boost::make_shared<Timer>(m_task->GetIoContext());
+        m_timer = boost::make_shared<Timer>(ExecutorOf(m_task->GetIoContext()));
         // expires_after saturates, so a huge or negative period cannot
         // overflow the time point.
         m_timer->expires_after(PeriodOf(periodMs));

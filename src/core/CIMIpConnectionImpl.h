@@ -22,6 +22,8 @@
 #include <cim_api.h>
 #include <cimcore/internal/CIMLog.h>
 
+#include "CIMRecycler.h"
+
 namespace CIM {
 
 namespace IpConnectionDetail {
@@ -214,7 +216,8 @@ void TCCIMIpConnection<Protocol>::SendData(const std::vector<uint8_t>& data,
     boost::system::error_code error;
     const std::size_t sent = t_SocketSynchronousWrite(data, error);
     // Never inside SendData: the callback always runs on the loop.
-    boost::asio::post(m_task->GetStrand(), [callback, error, sent]() { callback(error, sent); });
+    boost::asio::post(m_task->GetStrand(), Recycled([callback = std::move(callback), error,
+                                                     sent]() { callback(error, sent); }));
 }
 
 template <typename Protocol>
@@ -249,25 +252,32 @@ void TCCIMIpConnection<Protocol>::ReadData(std::vector<uint8_t>& data,
     // by the time it runs: a later ReadData may already have replaced it. It
     // stops it also when disconnected: Disconnect may not have reached the
     // list yet, and the alarm must not leave it unstopped.
-    t_SocketAsynchronousRead(
-        data, [this, alarm, callback, readAlarms = m_readAlarms](
-                  const boost::system::error_code& error, std::size_t transferred) {
-            if (alarm) {
-                alarm->StopTimer();
-                // Behind the stop on the strand: once dropped, the alarm is silent.
-                boost::asio::post(m_task->GetStrand(), [readAlarms, alarm]() {
-                    std::lock_guard<std::mutex> lock(readAlarms->mutex);
-                    auto& alarms = readAlarms->alarms;
-                    alarms.erase(std::remove(alarms.begin(), alarms.end(), alarm), alarms.end());
-                });
-            }
-            if (error && error != boost::asio::error::operation_aborted) {
-                Log::Info(IpConnectionDetail::kFile, "operator()", 254,
-                          "this [%p] transferred [%zu] error [%s]", static_cast<void*>(this),
-                          transferred, error.message().c_str());
-            }
-            callback(error, transferred);
-        });
+    auto read = std::allocate_shared<TSRead>(TCRecyclingAllocator<TSRead>(), this, std::move(alarm),
+                                             std::move(callback), m_readAlarms);
+    t_SocketAsynchronousRead(data, TSReadCompletion{std::move(read)});
+}
+
+template <typename Protocol>
+void TCCIMIpConnection<Protocol>::TSReadCompletion::operator()(
+    const boost::system::error_code& error, std::size_t transferred) const {
+    TSRead& read = *m_read;
+    if (read.alarm) {
+        read.alarm->StopTimer();
+        // Behind the stop on the strand: once dropped, the alarm is silent.
+        boost::asio::post(read.connection->m_task->GetStrand(),
+                          Recycled([readAlarms = read.readAlarms, alarm = read.alarm]() {
+                              std::lock_guard<std::mutex> lock(readAlarms->mutex);
+                              auto& alarms = readAlarms->alarms;
+                              alarms.erase(std::remove(alarms.begin(), alarms.end(), alarm),
+                                           alarms.end());
+                          }));
+    }
+    if (error && error != boost::asio::error::operation_aborted) {
+        Log::Info(IpConnectionDetail::kFile, "operator()", 254,
+                  "this [%p] transferred [%zu] error [%s]", static_cast<void*>(read.connection),
+                  transferred, error.message().c_str());
+    }
+    read.callback(error, transferred);
 }
 
 template <typename Protocol>

@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -217,6 +218,54 @@ TEST_F(CIMAlarmTest, AlarmNotOwnedBySharedPointerNeverStarts) {
     }
     EXPECT_EQ(0u, observer.expiries.Count());
     EXPECT_EQ(3u, m_log.Count(std::string("> ") + boost::bad_weak_ptr().what()));
+}
+
+// Several threads start, restart and stop alarms at once and drop them with
+// their requests still queued, so request memory is taken on one thread and
+// given back on another: an alarm that was never stopped calls back exactly
+// once, a stopped one at most once, and every alarm is freed once the loop
+// has drained.
+TEST_F(CIMAlarmTest, AlarmsDroppedByManyThreadsWithRequestsInFlight) {
+    constexpr int kThreads = 4;
+    constexpr int kAlarms = 150;
+    Observer observer;
+    std::vector<std::atomic<int>> calls(kThreads * kAlarms);
+    std::vector<boost::weak_ptr<TCCIMAlarm>> alarms(kThreads * kAlarms);
+    std::vector<char> stopped(kThreads * kAlarms, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kAlarms; ++i) {
+                const int k = t * kAlarms + i;
+                AlarmPtr alarm = TCCIMAlarm::CreateAlarm(
+                    &observer, m_task, [&calls, k] { ++calls[k]; }, ALARM_COUNT_ONCE, "a");
+                alarms[k] = alarm;
+                alarm->SetTimer(10000);  // replaced at once: its expiry is stale
+                alarm->SetTimer(i % 3);
+                if (i % 4 == 0) {
+                    stopped[k] = 1;
+                    alarm->StopTimer();
+                    if (i % 8 == 0) {
+                        alarm->Join();
+                    }
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    // Nothing repeats and the long timers were replaced: the loop drains.
+    m_task->Join();
+    for (int k = 0; k < kThreads * kAlarms; ++k) {
+        SCOPED_TRACE(k);
+        if (stopped[k]) {
+            EXPECT_LE(calls[k].load(), 1);
+        } else {
+            EXPECT_EQ(1, calls[k].load());
+        }
+        EXPECT_TRUE(alarms[k].expired());
+    }
 }
 
 }  // namespace
