@@ -73,6 +73,17 @@ TEST(TcpConnection, ConnectsEchoesUpToOneMebibyteAndTimesReadsOut) {
             EXPECT_TRUE(EchoRoundTrip(connection, payload) == payload) << size;
         }
 
+        {  // the second half of one segment is waiting when the next read starts
+            cimtest::LogCapture log;
+            std::vector<uint8_t> half(3);
+            Completion echoed, first, second;
+            connection.SendData({'a', 'b', 'c', 'd', 'e', 'f'}, echoed.Callback());
+            connection.ReadData(half, boost::none, first.Callback());
+            ASSERT_EQ(first.Wait().bytes, 3u);
+            connection.ReadData(half, boost::none, second.Callback());
+            ASSERT_EQ(second.Wait().bytes, 3u);
+            EXPECT_EQ(log.Count(") > availableData [3] data.size [3] timeout [0]ms"), 1u);
+        }
         std::vector<uint8_t> buffer(16);
         Completion sent, read, quiet;
         connection.SendData({'a', 'b', 'c'}, sent.Callback());
