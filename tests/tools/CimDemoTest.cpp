@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include <sys/wait.h>
 
@@ -33,27 +35,23 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
 
     const std::regex line(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
     const std::string log = cimtest::ReadFile(logPath);
-    size_t lines = 0;
-    size_t start = 0;
-    while (start < log.size()) {
-        const size_t end = log.find('\n', start);
-        ASSERT_NE(end, std::string::npos) << "unterminated last line";
-        const std::string text = log.substr(start, end - start);
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back(), '\n') << "unterminated last line";
+    const std::vector<std::string> lines = cimtest::SplitLines(log);
+    for (const std::string& text : lines) {
         EXPECT_TRUE(std::regex_match(text, line)) << text;
-        ++lines;
-        start = end + 1;
     }
-    EXPECT_GT(lines, 0u);
     EXPECT_NE(log.find("AUTOLOCK ERROR"), std::string::npos);
     // The watchdog named the demo's deadlock and stall, and their ends, once each.
     for (const char* report :
          {"> deadlock: dl-", "> deadlock ended: dl-", "> task loop stalled: demo-stall ",
           "> task loop recovered: demo-stall,"}) {
-        size_t count = 0;
-        for (size_t at = log.find(report); at != std::string::npos; at = log.find(report, at + 1)) {
-            ++count;
-        }
-        EXPECT_EQ(count, 1u) << report;
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [report](const std::string& text) {
+                                    return text.find(report) != std::string::npos;
+                                }),
+                  1)
+            << report;
     }
 }
 

@@ -6,10 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,33 +23,11 @@ using CIM::ALARM_COUNT_INFINITY;
 using CIM::ALARM_COUNT_ONCE;
 using CIM::TCCIMAlarm;
 using AlarmPtr = boost::shared_ptr<TCCIMAlarm>;
-using Clock = std::chrono::steady_clock;
+using cimtest::Clock;
 using std::chrono::milliseconds;
 
 // Times of events; the test waits for the n-th one instead of sleeping.
-class Events {
-public:
-    void Add() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_times.push_back(Clock::now());
-        m_changed.notify_all();
-    }
-    bool WaitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, cimtest::Scaled(milliseconds(3000)),
-                                  [&] { return m_times.size() >= count; });
-    }
-    std::vector<Clock::time_point> Times() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_times;
-    }
-    size_t Count() { return Times().size(); }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Clock::time_point> m_times;  // guarded by m_mutex
-};
+using Events = cimtest::Recorder<Clock::time_point>;
 
 // Runs `react` on each expiry, by default forwarding as the stack's observers do.
 class Observer : public CIM::TICIMAlarmObserver {
@@ -60,7 +36,7 @@ public:
         : m_react(std::move(react)) {}
     void OnTimer(AlarmPtr alarm) override {
         m_react(alarm);
-        expiries.Add();
+        expiries.Add(Clock::now());
     }
     Events expiries;
 
@@ -87,7 +63,7 @@ protected:
 
     AlarmPtr Create(Observer* observer, CIM::EAlarmType type = ALARM_COUNT_ONCE) {
         return TCCIMAlarm::CreateAlarm(
-            observer, m_task, [this] { m_callbacks.Add(); }, type, "a");
+            observer, m_task, [this] { m_callbacks.Add(Clock::now()); }, type, "a");
     }
 
     cimtest::LogCapture m_log;  // before the task: its thread logs
@@ -102,11 +78,11 @@ TEST_F(CIMAlarmTest, ZeroAndNegativePeriodsFireOnceOnTheNextTurn) {
         auto alarm = Create(&observer);
         OnTaskThread([&] {
             alarm->SetTimer(periodMs);
-            EXPECT_EQ(0u, observer.expiries.Count()) << "fired inside SetTimer";
+            EXPECT_EQ(0u, observer.expiries.All().size()) << "fired inside SetTimer";
         });
-        ASSERT_TRUE(m_callbacks.WaitFor(++fired)) << periodMs;
+        ASSERT_TRUE(m_callbacks.AwaitCount(++fired)) << periodMs;
         EXPECT_FALSE(alarm->IsActive());
-        EXPECT_EQ(1u, observer.expiries.Count());
+        EXPECT_EQ(1u, observer.expiries.All().size());
     }
 }
 
@@ -116,8 +92,8 @@ TEST_F(CIMAlarmTest, RestartMakesTheEarlierExpiryStale) {
     alarm->SetTimer(20);
     const Clock::time_point restart = Clock::now();
     alarm->SetTimer(120);
-    ASSERT_TRUE(m_callbacks.WaitFor(1));
-    EXPECT_GE(m_callbacks.Times()[0] - restart, milliseconds(120)) << "the first start fired";
+    ASSERT_TRUE(m_callbacks.AwaitCount(1));
+    EXPECT_GE(m_callbacks.All()[0] - restart, milliseconds(120)) << "the first start fired";
 }
 
 TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
@@ -127,7 +103,7 @@ TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
     for (const bool stop : {true, false}) {
         SCOPED_TRACE(stop);
         alarm->SetTimer(10);
-        ASSERT_TRUE(observer.expiries.WaitFor(stop ? 1 : 2));
+        ASSERT_TRUE(observer.expiries.AwaitCount(stop ? 1 : 2));
         EXPECT_TRUE(alarm->IsActive()) << "a one-shot alarm waits for RunHandler";
         if (stop) {
             alarm->StopTimer();
@@ -135,7 +111,7 @@ TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
         alarm->RunHandler();
         alarm->Join();
         EXPECT_FALSE(alarm->IsActive());
-        EXPECT_EQ(stop ? 0u : 1u, m_callbacks.Count());
+        EXPECT_EQ(stop ? 0u : 1u, m_callbacks.All().size());
     }
 }
 
@@ -150,10 +126,10 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
     auto alarm = Create(&observer, ALARM_COUNT_INFINITY);
     const Clock::time_point start = Clock::now();
     alarm->SetTimer(kPeriodMs);
-    ASSERT_TRUE(m_callbacks.WaitFor(kExpiries));
+    ASSERT_TRUE(m_callbacks.AwaitCount(kExpiries));
     alarm->StopTimer();
     alarm->Join();
-    const std::vector<Clock::time_point> times = m_callbacks.Times();
+    const std::vector<Clock::time_point> times = m_callbacks.All();
     for (size_t k = 1; k <= kExpiries; ++k) {
         const milliseconds due(k * kPeriodMs + 20);
         EXPECT_GE(times[k - 1] - start, due) << k;
@@ -169,13 +145,13 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
         alarm->SetTimer(periodMs);
         watch = alarm;
         alarm.reset();
-        ASSERT_TRUE(busy.expiries.WaitFor(busy.expiries.Count() + 20));
+        ASSERT_TRUE(busy.expiries.AwaitCount(busy.expiries.All().size() + 20));
         alarm = watch.lock();
         alarm->StopTimer();
         alarm->Join();
-        const size_t atStop = busy.expiries.Count();
+        const size_t atStop = busy.expiries.All().size();
         OnTaskThread();
-        EXPECT_EQ(atStop, busy.expiries.Count()) << periodMs;
+        EXPECT_EQ(atStop, busy.expiries.All().size()) << periodMs;
     }
     alarm.reset();
     m_task->Join();  // would wait for ever on an alarm still armed
@@ -192,7 +168,7 @@ TEST_F(CIMAlarmTest, MissingObserverIsReportedAtEachExpiry) {
     Observer probe(kHold);  // expires after both of the others
     AlarmPtr later = Create(&probe);
     later->SetTimer(60);
-    ASSERT_TRUE(probe.expiries.WaitFor(1));
+    ASSERT_TRUE(probe.expiries.AwaitCount(1));
     for (const AlarmPtr& alarm : {once, repeating, later}) {
         alarm->StopTimer();
         alarm->Join();
@@ -215,7 +191,7 @@ TEST_F(CIMAlarmTest, AlarmNotOwnedBySharedPointerNeverStarts) {
         OnTaskThread();
         OnTaskThread();
     }
-    EXPECT_EQ(0u, observer.expiries.Count());
+    EXPECT_EQ(0u, observer.expiries.All().size());
     EXPECT_EQ(3u, m_log.Count(std::string("> ") + boost::bad_weak_ptr().what()));
 }
 

@@ -13,20 +13,10 @@
 #include <cstdlib>
 #include <optional>
 #include <regex>
-#include <sstream>
 
 #include <sys/prctl.h>
 
 namespace {
-
-std::vector<std::string> SplitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 // Checks the log of one report of "x == 1" at src/a.cpp:42 and returns the
 // number of stack lines logged.
@@ -72,7 +62,7 @@ TEST_F(CIMDebugDeathTest, ReportLogsWritesTheConsoleAndDiesBySegfault) {
 
     EXPECT_GE(CheckReportLog(log), 2u);  // at least the report's frame and its caller
 
-    const std::vector<std::string> lines = SplitLines(cimtest::ReadFile(console));
+    const std::vector<std::string> lines = cimtest::SplitLines(cimtest::ReadFile(console));
     ASSERT_GE(lines.size(), 6u);
     EXPECT_EQ(lines[0],
               "This sentence is redirected to a serial output."

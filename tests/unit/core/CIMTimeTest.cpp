@@ -101,22 +101,27 @@ TEST_F(CIMTime, BadFieldsThrowTheDateLibraryErrorsInCheckOrder) {
     EXPECT_EQ(text.rfind("tm unable to handle", 0), 0u) << text;
 }
 
+// The comparisons that hold, so that a failure names the operator.
+std::string Relations(const CIM::TSCIMTime& x, const CIM::TSCIMTime& y) {
+    return std::string(x == y ? "==" : "") + (x < y ? " <" : "") + (x <= y ? " <=" : "") +
+           (x > y ? " >" : "") + (x >= y ? " >=" : "");
+}
+
 TEST_F(CIMTime, ComparisonsWorkOnWholeSecondsTruncatedTowardZero) {
     using boost::posix_time::milliseconds;
     CIM::TSCIMTime a(100L);
     CIM::TSCIMTime b(100L);
     a.m_time += milliseconds(100);
     b.m_time += milliseconds(600);
-    EXPECT_TRUE(a == b && a <= b && a >= b);
-    EXPECT_FALSE(a < b || b > a);
-
+    EXPECT_EQ(Relations(a, b), "== <= >=");
+    EXPECT_EQ(Relations(b, a), "== <= >=");
     const CIM::TSCIMTime c(101L);
-    EXPECT_TRUE(a < c && c > a && a <= c && c >= a);
-    EXPECT_FALSE(a == c || a > c || c < a);
+    EXPECT_EQ(Relations(a, c), " < <=");
+    EXPECT_EQ(Relations(c, a), " > >=");
 
     CIM::TSCIMTime justBefore;
     justBefore.m_time -= milliseconds(500);
-    EXPECT_TRUE(justBefore == CIM::TSCIMTime());
+    EXPECT_EQ(Relations(justBefore, CIM::TSCIMTime()), "== <= >=");
 }
 
 TEST_F(CIMTime, TickCountsWholeClockStepsAndWrapSafeDifferences) {
