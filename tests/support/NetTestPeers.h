@@ -1,5 +1,5 @@
 // Real peers for the connection tests: small Boost.Asio servers on loopback,
-// each blocking on its own thread, plus the plumbing the tests share.
+// each blocking on its own thread, plus the task plumbing the tests share.
 #ifndef CIMCORE_TESTS_NETTESTPEERS_H
 #define CIMCORE_TESTS_NETTESTPEERS_H
 
@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -18,6 +19,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/udp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/make_shared.hpp>
 
@@ -49,6 +51,17 @@ struct TestTask {
     const boost::shared_ptr<CIM::TCCIMTask>& Get() const { return task; }
     boost::shared_ptr<CIM::TCCIMTask> task = boost::make_shared<CIM::TCCIMTask>("ipc-test");
 };
+
+// Runs `work` on the task's thread and waits: what was queued before has run.
+inline void RunOnLoop(
+    const boost::shared_ptr<CIM::TCCIMTask>& task, const std::function<void()>& work = [] {}) {
+    std::promise<void> done;
+    boost::asio::post(task->GetIoContext(), [&] {
+        work();
+        done.set_value();
+    });
+    done.get_future().wait();
+}
 
 // One operation's completion: hands the first result to the test thread and
 // counts the calls, so that a duplicate shows.

@@ -24,9 +24,8 @@ std::chrono::milliseconds Scaled(std::chrono::milliseconds bound);
 
 using Clock = std::chrono::steady_clock;
 
-inline long ElapsedMs(Clock::time_point from) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from).count());
+inline std::chrono::milliseconds Since(Clock::time_point from) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from);
 }
 
 // Polls `done` until it holds or `limit` (scaled) has passed.

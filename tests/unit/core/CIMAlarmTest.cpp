@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "NetTestPeers.h"
 #include "TestSupport.h"
 
 #include <algorithm>
@@ -51,16 +52,6 @@ protected:
     // Every test stops and joins its alarms first, as shutting down requires.
     void TearDown() override { m_task->Join(); }
 
-    // Runs `work` on the task's thread and waits: what was queued before has run.
-    void OnTaskThread(std::function<void()> work = [] {}) {
-        std::promise<void> done;
-        boost::asio::post(m_task->GetIoContext(), [&] {
-            work();
-            done.set_value();
-        });
-        done.get_future().get();
-    }
-
     AlarmPtr Create(Observer* observer, CIM::EAlarmType type = ALARM_COUNT_ONCE) {
         return TCCIMAlarm::CreateAlarm(
             observer, m_task, [this] { m_callbacks.Add(Clock::now()); }, type, "a");
@@ -76,7 +67,7 @@ TEST_F(CIMAlarmTest, ZeroAndNegativePeriodsFireOnceOnTheNextTurn) {
     for (const int periodMs : {0, -5}) {
         Observer observer;
         auto alarm = Create(&observer);
-        OnTaskThread([&] {
+        cimtest::RunOnLoop(m_task, [&] {
             alarm->SetTimer(periodMs);
             EXPECT_EQ(0u, observer.expiries.All().size()) << "fired inside SetTimer";
         });
@@ -150,7 +141,7 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
         alarm->StopTimer();
         alarm->Join();
         const size_t atStop = busy.expiries.All().size();
-        OnTaskThread();
+        cimtest::RunOnLoop(m_task);
         EXPECT_EQ(atStop, busy.expiries.All().size()) << periodMs;
     }
     alarm.reset();
@@ -188,8 +179,8 @@ TEST_F(CIMAlarmTest, AlarmNotOwnedBySharedPointerNeverStarts) {
         alarm.RunHandler();
         alarm.Join();
         // Anything queued by mistake would have run by the end of this.
-        OnTaskThread();
-        OnTaskThread();
+        cimtest::RunOnLoop(m_task);
+        cimtest::RunOnLoop(m_task);
     }
     EXPECT_EQ(0u, observer.expiries.All().size());
     EXPECT_EQ(3u, m_log.Count(std::string("> ") + boost::bad_weak_ptr().what()));

@@ -20,6 +20,7 @@
 
 using namespace cimtest;
 using CIM::EWatchdogReport;
+using std::chrono::milliseconds;
 
 namespace {
 
@@ -311,7 +312,7 @@ TEST_F(LscTest, WatchdogStaysQuietUnderManyShortSyncSends) {
     watchdog.SetReportHandler(reports.Handler());
     // A busy shared machine can hold a new thread back for a few hundred ms;
     // the run lasts twice the threshold, so a send left behind would show.
-    const auto longMs = static_cast<unsigned long>(Scaled(std::chrono::milliseconds(500)).count());
+    const auto longMs = static_cast<unsigned long>(Scaled(milliseconds(500)).count());
     ASSERT_TRUE(watchdog.Start(5, longMs, 1000));
     ASSERT_TRUE(SendTo(&a, kStart, false));
 
@@ -337,11 +338,8 @@ TEST_F(LscTest, WatchdogStaysQuietUnderManyShortSyncSends) {
         }
     });
     const unsigned long firstScan = watchdog.ScanCount();
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            return a.sends + b.sends >= 10000 && watchdog.ScanCount() >= firstScan + 2 * longMs / 5;
-        },
-        std::chrono::seconds(20)));
+    EXPECT_TRUE(WaitUntil([&] { return a.sends + b.sends >= 10000; }, std::chrono::seconds(20)));
+    EXPECT_TRUE(WaitUntil([&] { return watchdog.ScanCount() >= firstScan + 2 * longMs / 5; }));
     done = true;
     JoinAll(threads);
     a.stop = true;
@@ -374,7 +372,7 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     std::atomic<bool> keepBusy{true};
     std::atomic<long> busyRuns{0};
     std::function<void()> work = [&] {
-        const auto until = Clock::now() + std::chrono::milliseconds(2);
+        const auto until = Clock::now() + milliseconds(2);
         while (Clock::now() < until) {
         }
         ++busyRuns;
@@ -396,10 +394,9 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     boost::asio::post(stalled->GetStrand(), [released] { released.wait(); });
     boost::asio::post(unwatched->GetStrand(), [released] { released.wait(); });
     ASSERT_TRUE(reports.WaitFor(EWatchdogReport::LOOP_STALL, 1));
-    const long reportedAfterMs = ElapsedMs(stallStart);
-    EXPECT_GE(reportedAfterMs, static_cast<long>(lagMs));
-    EXPECT_LE(reportedAfterMs,
-              static_cast<long>(Scaled(std::chrono::milliseconds(lagMs + 2 * periodMs)).count()));
+    const milliseconds reportedAfter = Since(stallStart);
+    EXPECT_GE(reportedAfter, milliseconds(lagMs));
+    EXPECT_LE(reportedAfter, Scaled(milliseconds(lagMs + 2 * periodMs)));
     AwaitScans(watchdog, 4);
     release.set_value();
     ASSERT_TRUE(reports.WaitFor(EWatchdogReport::LOOP_STALL_END, 1));
@@ -415,7 +412,7 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     AwaitScans(watchdog, 3);
     const auto joinStart = Clock::now();
     stalled->Join();
-    EXPECT_LE(ElapsedMs(joinStart), Scaled(std::chrono::milliseconds(periodMs)).count());
+    EXPECT_LE(Since(joinStart), Scaled(milliseconds(periodMs)));
     stalled.reset();  // the watchdog holds it weakly, so this destroys it
 
     unwatched->Join();
@@ -431,6 +428,6 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     AwaitScans(watchdog, 1);
     const auto stopStart = Clock::now();
     watchdog.Stop();
-    EXPECT_LT(ElapsedMs(stopStart), Scaled(std::chrono::milliseconds(500)).count());
+    EXPECT_LT(Since(stopStart), Scaled(milliseconds(500)));
     EXPECT_FALSE(watchdog.IsRunning());
 }

@@ -99,8 +99,8 @@ TEST_F(TaskTest, PingTimesOutOnABusyTaskAndClearQueueGoesFirst) {
     task.Hold();
     const auto start = Clock::now();
     EXPECT_FALSE(TCTask::Ping(&task, 100));
-    EXPECT_GE(ElapsedMs(start), 98);
-    EXPECT_LT(ElapsedMs(start), Scaled(1500ms).count());
+    EXPECT_GE(Since(start), 98ms);
+    EXPECT_LT(Since(start), Scaled(1500ms));
     task.Open();
     EXPECT_TRUE(TCTask::Ping(&task, 5000));
 
@@ -127,7 +127,7 @@ TEST_F(TaskTest, CreationValuesAndTheTaskList) {
     const auto start = Clock::now();
     ASSERT_TRUE(idle.Create("a-task-name-of-20-ch", 20, 0, 0));
     ASSERT_TRUE(WaitUntil([&idle] { return idle.idles >= 2; }, 1000ms));
-    EXPECT_GE(ElapsedMs(start), 38) << "the idle hook ran before its time-out";
+    EXPECT_GE(Since(start), 38ms) << "the idle hook ran before its time-out";
     TCTaskList::m_mutex.Lock();
     EXPECT_TRUE(TCTaskList::Find("a-task-name-of-"));
     EXPECT_EQ(TCTaskList::Task(), &idle);
