@@ -1,6 +1,7 @@
 // Runs the built cim-demo with its log sent to a file.
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+
 TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     cimtest::TempDir dir;
     const std::string logPath = dir.File("demo.log");
@@ -24,9 +27,9 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     const std::string output = cimtest::ReadFile(outPath);
     ASSERT_TRUE(WIFEXITED(status)) << output;
     EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-    EXPECT_NE(output.find("== Summary =="), std::string::npos) << output;
+    EXPECT_THAT(output, HasSubstr("== Summary =="));
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
-    EXPECT_NE(output.find(logPath), std::string::npos) << output;
+    EXPECT_THAT(output, HasSubstr(logPath));
     // Without --keep the demo leaves no temporary folder behind.
     std::smatch removed;
     ASSERT_TRUE(std::regex_search(output, removed, std::regex("files in (\\S+) were removed")))
@@ -41,7 +44,7 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     for (const std::string& text : lines) {
         EXPECT_TRUE(std::regex_match(text, line)) << text;
     }
-    EXPECT_NE(log.find("AUTOLOCK ERROR"), std::string::npos);
+    EXPECT_THAT(log, HasSubstr("AUTOLOCK ERROR"));
     // The watchdog named the demo's deadlock and stall, and their ends, once each.
     for (const char* report :
          {"> deadlock: dl-", "> deadlock ended: dl-", "> task loop stalled: demo-stall ",

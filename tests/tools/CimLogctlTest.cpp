@@ -1,6 +1,7 @@
 // cim-logctl run as a user would: the built binary on a file of the test's.
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 #include <sys/wait.h>
 
 namespace {
+
+using ::testing::HasSubstr;
 
 struct Result {
     int status = -1;
@@ -81,13 +84,13 @@ TEST_F(LogctlTest, UsageErrorsExitWithTwoAndOneLineOnStandardError) {
         EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
         EXPECT_EQ(cimtest::ReadFile(m_file), "CI_API");
     }
-    EXPECT_NE(Run("on CI_NOPE").err.find("unknown tag 'CI_NOPE'"), std::string::npos);
+    EXPECT_THAT(Run("on CI_NOPE").err, HasSubstr("unknown tag 'CI_NOPE'"));
 
     // --help fits on one screen.
     const Result help = Run("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_LE(std::count(help.out.begin(), help.out.end(), '\n'), 24);
-    EXPECT_NE(help.out.find("toggle-all"), std::string::npos);
+    EXPECT_THAT(help.out, HasSubstr("toggle-all"));
 }
 
 // Four runs at once on one file, switching different tags: every run sees a

@@ -7,6 +7,7 @@
 
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -17,6 +18,9 @@
 #include <sys/prctl.h>
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 // Checks the log of one report of "x == 1" at src/a.cpp:42 and returns the
 // number of stack lines logged.
@@ -29,11 +33,11 @@ size_t CheckReportLog(const cimtest::LogCapture& log) {
     EXPECT_EQ(messages[0], "CIMDebug.cpp: _TCCIMAssert(44) > src/a.cpp::42: x == 1");
     EXPECT_EQ(messages[1], "CIMDebug.cpp: _TCCIMAssert(47) > src/a.cpp::42: x == 1");
     for (const std::string& line : log.Lines()) {
-        EXPECT_NE(line.find(" E/CI_CORE("), std::string::npos) << line;
+        EXPECT_THAT(line, HasSubstr(" E/CI_CORE("));
     }
     size_t stackLines = 0;
     for (size_t i = 2; i < messages.size(); ++i) {
-        EXPECT_EQ(messages[i].rfind("CIMDebug.cpp: _TCCIMAssert(47) > ", 0), 0u) << messages[i];
+        EXPECT_THAT(messages[i], StartsWith("CIMDebug.cpp: _TCCIMAssert(47) > "));
         ++stackLines;
     }
     return stackLines;

@@ -3,6 +3,7 @@
 
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -13,6 +14,9 @@
 #include <unistd.h>
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 class CIMTime : public ::testing::Test {
 protected:
@@ -98,7 +102,7 @@ TEST_F(CIMTime, BadFieldsThrowTheDateLibraryErrorsInCheckOrder) {
     CIM::TSCIMTime special;
     special.m_time = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
     const std::string text = ExceptionText([&] { special.DateTimeComponents(); });
-    EXPECT_EQ(text.rfind("tm unable to handle", 0), 0u) << text;
+    EXPECT_THAT(text, StartsWith("tm unable to handle"));
 }
 
 // The comparisons that hold, so that a failure names the operator.
@@ -163,7 +167,7 @@ TEST_F(CIMTime, ScopeTimerLogsOnlyPastItsThreshold) {
     const unsigned long start = std::stoul(match[2].str());
     EXPECT_EQ(std::stoul(match[3].str()), CIM::TickDiff(end, start));
     EXPECT_GE(std::stoul(match[3].str()), 30u);
-    EXPECT_NE(log.Lines()[0].find(" E/CI_CORE("), std::string::npos);
+    EXPECT_THAT(log.Lines()[0], HasSubstr(" E/CI_CORE("));
 }
 
 }  // namespace

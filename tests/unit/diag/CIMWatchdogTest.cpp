@@ -2,19 +2,20 @@
 
 #include "LscTestSupport.h"
 
+#include <gmock/gmock.h>
+
 #include <cimcore/CIMThreadPool.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <boost/asio/post.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/thread/barrier.hpp>
 
 #include <sys/prctl.h>
 
@@ -23,6 +24,9 @@ using CIM::EWatchdogReport;
 using std::chrono::milliseconds;
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 constexpr unsigned long kStart = 100;  // a ring member's handler sends on
 constexpr unsigned long kCall = 101;   // answered at once
@@ -70,16 +74,14 @@ void AwaitScans(const CIM::TCCIMWatchdog& watchdog, unsigned long scans) {
 // kCall synchronously to the next one. Nobody can answer: a deadlock.
 class Ring {
 public:
-    explicit Ring(int size) : m_tasks(size), m_handlers() {
+    explicit Ring(int size) : m_tasks(size), m_allStarted(unsigned(size)) {
         for (int i = 0; i < size; ++i) {
-            m_handlers.emplace_back(new Member(*this));
+            m_handlers.emplace_back(new Member(m_allStarted));
         }
         for (int i = 0; i < size; ++i) {
             const std::string name = "ring" + std::to_string(size) + "-" + std::to_string(i);
             EXPECT_TRUE(m_tasks[i].Create(name.c_str(), 0, 0, 0));
             EXPECT_TRUE(m_handlers[i]->Create(&m_tasks[i]));
-        }
-        for (int i = 0; i < size; ++i) {
             m_handlers[i]->next = m_handlers[(i + 1) % size].get();
         }
     }
@@ -98,35 +100,27 @@ public:
             }
         }
         for (auto& task : m_tasks) {
-            SendTo(&task, EVENT_EXIT, false);
-            task.Destroy();
+            task.Stop();
         }
     }
 
 private:
     struct Member : TCHandler {
-        explicit Member(Ring& ring) : ring(ring) {}
+        explicit Member(boost::barrier& allStarted) : allStarted(allStarted) {}
         bool t_OnEvent(const TSEvent* event) override {
             if (event->type == kStart) {
-                std::unique_lock<std::mutex> lock(ring.mutex);
-                ++ring.started;
-                ring.allStarted.notify_all();
-                ring.allStarted.wait(lock, [&] { return ring.started == ring.m_tasks.size(); });
-                lock.unlock();
+                allStarted.wait();
                 SendTo(next, kCall, true);
             }
             return true;
         }
-        Ring& ring;
+        boost::barrier& allStarted;
         Member* next = nullptr;
     };
-    struct PlainTask : TCTask {};
 
-    std::vector<PlainTask> m_tasks;
+    std::vector<HeldTask> m_tasks;
+    boost::barrier m_allStarted;
     std::vector<std::unique_ptr<Member>> m_handlers;
-    std::mutex mutex;
-    std::condition_variable allStarted;
-    size_t started = 0;
 };
 
 CIM::TSLegacySyncWait Wait(int index, unsigned long caller, unsigned long receiver,
@@ -193,12 +187,10 @@ TEST_F(LscTest, SnapshotListsTasksAndBlockedSendsAndReleasesTheLocks) {
     EXPECT_EQ(snapshot.waits[0].receiverId, static_cast<unsigned long>(task.Id()));
     EXPECT_TRUE(CIM::FindWaitCycles(snapshot).empty());
     const std::string text = CIM::ToString(snapshot);
-    EXPECT_NE(text.find("task snap-task: tid " + std::to_string(task.Tid()) +
-                        ", 3 queued, loop running\n"),
-              std::string::npos)
-        << text;
-    EXPECT_NE(text.find("sync send [0]: thread snap-sender (tid "), std::string::npos) << text;
-    EXPECT_NE(text.find(" waits for task snap-task since "), std::string::npos) << text;
+    EXPECT_THAT(text, HasSubstr("task snap-task: tid " + std::to_string(task.Tid()) +
+                                ", 3 queued, loop running\n"));
+    EXPECT_THAT(text, HasSubstr("sync send [0]: thread snap-sender (tid "));
+    EXPECT_THAT(text, HasSubstr(" waits for task snap-task since "));
 
     // Both locks are free again: the runtime goes on.
     task.Open();
@@ -230,9 +222,8 @@ TEST_F(LscTest, WatchdogReportsDeadlocksAndLongWaitsOnceEachAndTheirEnd) {
         EXPECT_EQ(reports.Count(EWatchdogReport::LONG_WAIT), 0u) << reports.Text();
         const std::string text = reports.Texts(EWatchdogReport::DEADLOCK).back();
         for (int i = 0; i < size; ++i) {
-            EXPECT_NE(text.find("ring" + std::to_string(size) + "-" + std::to_string(i) + " (tid "),
-                      std::string::npos)
-                << text;
+            EXPECT_THAT(text, HasSubstr("ring" + std::to_string(size) + "-" + std::to_string(i) +
+                                        " (tid "));
         }
         EXPECT_EQ(std::count(text.begin(), text.end(), '>'), size) << text;
 
@@ -256,9 +247,8 @@ TEST_F(LscTest, WatchdogReportsDeadlocksAndLongWaitsOnceEachAndTheirEnd) {
     AwaitScans(watchdog, 5);
     EXPECT_EQ(reports.Count(EWatchdogReport::LONG_WAIT), 1u);
     const std::string longWait = reports.Texts(EWatchdogReport::LONG_WAIT)[0];
-    EXPECT_NE(longWait.find("long synchronous send: thread slow-sender (tid "), std::string::npos)
-        << longWait;
-    EXPECT_NE(longWait.find(" waits for task slow-task, "), std::string::npos) << longWait;
+    EXPECT_THAT(longWait, HasSubstr("long synchronous send: thread slow-sender (tid "));
+    EXPECT_THAT(longWait, HasSubstr(" waits for task slow-task, "));
     slow.Open();
     sender.join();
     ASSERT_TRUE(reports.WaitFor(EWatchdogReport::LONG_WAIT_END, 1));
@@ -271,7 +261,7 @@ TEST_F(LscTest, WatchdogReportsDeadlocksAndLongWaitsOnceEachAndTheirEnd) {
     size_t errorLines = 0;
     for (const std::string& line : log.Lines()) {
         if (line.find("CIMWatchdog.cpp: m_ScanLegacy(") != std::string::npos) {
-            EXPECT_NE(line.find(" E/CI_CORE("), std::string::npos) << line;
+            EXPECT_THAT(line, HasSubstr(" E/CI_CORE("));
             ++errorLines;
         }
     }
@@ -297,8 +287,7 @@ TEST_F(LscTest, WatchdogStaysQuietUnderManyShortSyncSends) {
         std::atomic<bool> stop{false};
         std::atomic<long> sends{0};
     };
-    struct PlainTask : TCTask {};
-    PlainTask taskA, taskB;
+    HeldTask taskA, taskB;
     Player a, b;
     ASSERT_TRUE(taskA.Create("player-a", 0, 0, 0));
     ASSERT_TRUE(taskB.Create("player-b", 0, 0, 0));
@@ -327,14 +316,13 @@ TEST_F(LscTest, WatchdogStaysQuietUnderManyShortSyncSends) {
     }
     threads.emplace_back([&] {
         while (!done) {
-            PlainTask passing;
+            HeldTask passing;
             if (!passing.Create("passing", 0, 0, 0)) {
                 ADD_FAILURE();
                 return;
             }
             EXPECT_TRUE(SendTo(&passing, EVENT_USER, true));
-            SendTo(&passing, EVENT_EXIT, false);
-            passing.Destroy();
+            passing.Stop();
         }
     });
     const unsigned long firstScan = watchdog.ScanCount();
@@ -349,10 +337,8 @@ TEST_F(LscTest, WatchdogStaysQuietUnderManyShortSyncSends) {
 
     a.TCHandler::Destroy();
     b.TCHandler::Destroy();
-    for (PlainTask* task : {&taskA, &taskB}) {
-        SendTo(task, EVENT_EXIT, false);
-        task->Destroy();
-    }
+    taskA.Stop();
+    taskB.Stop();
 }
 
 TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
@@ -402,11 +388,9 @@ TEST(WatchdogLoops, ReportsAStalledLoopAndItsEndButNotABusyOneAndLetsJoinGo) {
     ASSERT_TRUE(reports.WaitFor(EWatchdogReport::LOOP_STALL_END, 1));
     const auto stalls = reports.Texts(EWatchdogReport::LOOP_STALL);
     ASSERT_EQ(stalls.size(), 1u) << reports.Text();
-    EXPECT_EQ(stalls[0].rfind("task loop stalled: stall-task has run no handler for ", 0), 0u)
-        << stalls[0];
-    EXPECT_EQ(reports.Texts(EWatchdogReport::LOOP_STALL_END)[0].rfind(
-                  "task loop recovered: stall-task, lag ", 0),
-              0u);
+    EXPECT_THAT(stalls[0], StartsWith("task loop stalled: stall-task has run no handler for "));
+    EXPECT_THAT(reports.Texts(EWatchdogReport::LOOP_STALL_END)[0],
+                StartsWith("task loop recovered: stall-task, lag "));
 
     // Joining a watched task is not held up by a probe, and ends its watch.
     AwaitScans(watchdog, 3);

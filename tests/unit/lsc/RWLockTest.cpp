@@ -2,6 +2,8 @@
 
 #include "LscTestSupport.h"
 
+#include <gmock/gmock.h>
+
 #include <vector>
 
 namespace cimtest {
@@ -26,8 +28,7 @@ TEST(RWLockTest, NestedReadsReleaseOnceAtTheLastUnlockAndCannotUpgrade) {
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(asserts.Expressions(), std::vector<std::string>{"*pCount == 0"});
     EXPECT_EQ(asserts.Paths(), std::vector<std::string>{"src/lsc/RWLock"});
-    EXPECT_NE(err.find("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"), std::string::npos)
-        << err;
+    EXPECT_THAT(err, testing::HasSubstr("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"));
 
     auto writer = std::async(std::launch::async, [&] { return lock.WLock() && lock.WUnlock(); });
     EXPECT_TRUE(lock.RUnlock());
