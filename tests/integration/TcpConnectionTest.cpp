@@ -143,13 +143,13 @@ TEST(TcpConnection, DisconnectOrDestructionWhileATimedReadIsPending) {
                 connection.Disconnect();
             }
         }
-        ASSERT_EQ(read.calls, 1);
+        ASSERT_EQ(read.Calls(), 1);
         const auto error = read.Wait().error;
         EXPECT_TRUE(error == boost::asio::error::operation_aborted ||
                     error == boost::asio::error::eof)
             << error.message();
         cimtest::RunOnLoop(task.Get());
-        EXPECT_EQ(read.calls, 1);
+        EXPECT_EQ(read.Calls(), 1);
         // Destroyed while connected: its Disconnect's lines come before the
         // template destructor's, which then finds nothing left to do.
         if (round % 2 == 1) {

@@ -6,6 +6,8 @@
 #include <cimcore/CIMIpConnection.h>
 #include <cimcore/CIMThreadPool.h>
 
+#include "TestSupport.h"
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -65,27 +67,23 @@ inline void RunOnLoop(
 
 // One operation's completion: hands the first result to the test thread and
 // counts the calls, so that a duplicate shows.
-struct Completion {
-    struct Result {
-        boost::system::error_code error;
-        std::size_t bytes;
-    };
+struct CompletionResult {
+    boost::system::error_code error;
+    std::size_t bytes;
+};
+struct Completion : Recorder<CompletionResult> {
     CIM::TCIMIpDataCallback Callback() {
         return [this](const boost::system::error_code& error, std::size_t bytes) {
-            if (calls++ == 0) {
-                promise.set_value(Result{error, bytes});
-            }
+            Add({error, bytes});
         };
     }
-    Result Wait() {
-        if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+    CompletionResult Wait() {
+        if (!AwaitCount(1, std::chrono::seconds(5))) {
             throw std::runtime_error("completion callback not called in time");
         }
-        return future.get();
+        return All()[0];
     }
-    std::atomic<int> calls{0};
-    std::promise<Result> promise;
-    std::shared_future<Result> future = promise.get_future().share();
+    int Calls() const { return int(All().size()); }
 };
 
 // Echoes on 127.0.0.1 from its own thread: over TCP one accepted connection

@@ -62,8 +62,9 @@ public:
         std::unique_lock<std::mutex> lock(m_mutex);
         return m_changed.wait_for(lock, Scaled(limit), [&] { return done(m_values); });
     }
-    bool AwaitCount(size_t count) {
-        return Await([count](const std::vector<T>& values) { return values.size() >= count; });
+    bool AwaitCount(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
+        return Await([count](const std::vector<T>& values) { return values.size() >= count; },
+                     limit);
     }
 
 private:
