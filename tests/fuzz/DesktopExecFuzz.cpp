@@ -30,22 +30,12 @@ std::string Quote(const std::string& argument) {
 std::string EscapeValue(const std::string& command) {
     std::string value;
     for (const char c : command) {
-        switch (c) {
-            case '\\':
-                value += "\\\\";
-                break;
-            case '\n':
-                value += "\\n";
-                break;
-            case '\t':
-                value += "\\t";
-                break;
-            case '\r':
-                value += "\\r";
-                break;
-            default:
-                value += c;
-        }
+        const char* const escaped = c == '\\'   ? "\\\\"
+                                    : c == '\n' ? "\\n"
+                                    : c == '\t' ? "\\t"
+                                    : c == '\r' ? "\\r"
+                                                : nullptr;
+        value += escaped ? std::string(escaped) : std::string(1, c);
     }
     return value;
 }

@@ -12,22 +12,12 @@
 
 namespace {
 
+using cimtest::Clock;
 using cimtest::Completion;
 using cimtest::Loopback;
 using cimtest::Scaled;
+using cimtest::Since;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
-
-milliseconds Since(Clock::time_point start) {
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-}
-
-// Waits until every handler queued on the task's loop so far has run.
-void DrainLoop(const boost::shared_ptr<CIM::TCCIMTask>& task) {
-    std::promise<void> ran;
-    boost::asio::post(task->GetIoContext(), [&ran]() { ran.set_value(); });
-    ran.get_future().wait();
-}
 
 // Sends all of `payload` (each SendData may take only part) from a second
 // thread while this one keeps a read pending, so the echo never stalls both
@@ -135,7 +125,7 @@ TEST(TcpConnection, FailedConnectsReturnFalseAndCloseTheSocket) {
         EXPECT_GE(Since(start), least);
         EXPECT_LT(Since(start), least + Scaled(milliseconds(1000)));
         release.set_value();
-        DrainLoop(task.Get());
+        cimtest::RunOnLoop(task.Get());
         EXPECT_EQ(log.Count(logged), 1u);
         cimtest::EchoPeer<cimtest::ip::tcp> peer;
         EXPECT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), 1));
@@ -164,13 +154,13 @@ TEST(TcpConnection, DisconnectOrDestructionWhileATimedReadIsPending) {
                 connection.Disconnect();
             }
         }
-        ASSERT_EQ(read.calls, 1);
+        ASSERT_EQ(read.Calls(), 1);
         const auto error = read.Wait().error;
         EXPECT_TRUE(error == boost::asio::error::operation_aborted ||
                     error == boost::asio::error::eof)
             << error.message();
-        DrainLoop(task.Get());
-        EXPECT_EQ(read.calls, 1);
+        cimtest::RunOnLoop(task.Get());
+        EXPECT_EQ(read.Calls(), 1);
         // Destroyed while connected: its Disconnect's lines come before the
         // template destructor's, which then finds nothing left to do.
         if (round % 2 == 1) {

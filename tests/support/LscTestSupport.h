@@ -17,23 +17,6 @@
 
 namespace cimtest {
 
-using Clock = std::chrono::steady_clock;
-
-inline long ElapsedMs(Clock::time_point from) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from).count());
-}
-
-// Polls `done` until it holds or `limit` (scaled) has passed.
-template <class Condition>
-bool WaitUntil(Condition done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
-    const auto deadline = Clock::now() + Scaled(limit);
-    while (!done() && Clock::now() < deadline) {
-        std::this_thread::yield();
-    }
-    return done();
-}
-
 inline TSEvent MakeEvent(TCHandler* receiver, unsigned long type, uintptr_t tag = 0) {
     TSEvent event;
     event.receiver = receiver;

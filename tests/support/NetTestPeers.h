@@ -1,13 +1,16 @@
 // Real peers for the connection tests: small Boost.Asio servers on loopback,
-// each blocking on its own thread, plus the plumbing the tests share.
+// each blocking on its own thread, plus the task plumbing the tests share.
 #ifndef CIMCORE_TESTS_NETTESTPEERS_H
 #define CIMCORE_TESTS_NETTESTPEERS_H
 
 #include <cimcore/CIMIpConnection.h>
 #include <cimcore/CIMThreadPool.h>
 
+#include "TestSupport.h"
+
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -18,6 +21,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/udp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/make_shared.hpp>
 
@@ -50,29 +54,36 @@ struct TestTask {
     boost::shared_ptr<CIM::TCCIMTask> task = boost::make_shared<CIM::TCCIMTask>("ipc-test");
 };
 
+// Runs `work` on the task's thread and waits: what was queued before has run.
+inline void RunOnLoop(
+    const boost::shared_ptr<CIM::TCCIMTask>& task, const std::function<void()>& work = [] {}) {
+    std::promise<void> done;
+    boost::asio::post(task->GetIoContext(), [&] {
+        work();
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
 // One operation's completion: hands the first result to the test thread and
 // counts the calls, so that a duplicate shows.
-struct Completion {
-    struct Result {
-        boost::system::error_code error;
-        std::size_t bytes;
-    };
+struct CompletionResult {
+    boost::system::error_code error;
+    std::size_t bytes;
+};
+struct Completion : Recorder<CompletionResult> {
     CIM::TCIMIpDataCallback Callback() {
         return [this](const boost::system::error_code& error, std::size_t bytes) {
-            if (calls++ == 0) {
-                promise.set_value(Result{error, bytes});
-            }
+            Add({error, bytes});
         };
     }
-    Result Wait() {
-        if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+    CompletionResult Wait() {
+        if (!AwaitCount(1, std::chrono::seconds(5))) {
             throw std::runtime_error("completion callback not called in time");
         }
-        return future.get();
+        return All()[0];
     }
-    std::atomic<int> calls{0};
-    std::promise<Result> promise;
-    std::shared_future<Result> future = promise.get_future().share();
+    int Calls() const { return int(All().size()); }
 };
 
 // Echoes on 127.0.0.1 from its own thread: over TCP one accepted connection

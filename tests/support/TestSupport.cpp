@@ -24,6 +24,20 @@ std::chrono::milliseconds Scaled(std::chrono::milliseconds bound) {
     return std::chrono::milliseconds(static_cast<long long>(bound.count() * TimeScale()));
 }
 
+void RunThreads(int count, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(body, i);
+    }
+    JoinAll(threads);
+}
+
+void JoinAll(std::vector<std::thread>& threads) {
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
 TempDir::TempDir() {
     char pattern[] = "/tmp/cimcore-test-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) {
@@ -44,6 +58,20 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string MessageOf(const std::string& line) {
+    const size_t start = line.find("): ");
+    return start == std::string::npos ? line : line.substr(start + 3);
 }
 
 void WriteFile(const std::string& path, const std::string& text) {
@@ -93,19 +121,13 @@ LogCapture::LogCapture()
       m_output(cimhost::EHostSetting::LOG_OUTPUT, "file:" + m_path) {}
 
 std::vector<std::string> LogCapture::Lines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(ReadFile(m_path));
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    return SplitLines(ReadFile(m_path));
 }
 
 std::vector<std::string> LogCapture::Messages() const {
-    std::vector<std::string> messages;
-    for (const std::string& line : Lines()) {
-        const size_t start = line.find("): ");
-        messages.push_back(start == std::string::npos ? line : line.substr(start + 3));
+    std::vector<std::string> messages = Lines();
+    for (std::string& line : messages) {
+        line = MessageOf(line);
     }
     return messages;
 }
@@ -126,24 +148,23 @@ void LogCapture::Clear() {
 
 AssertRecorder::AssertRecorder()
     : m_hook([this](const char* expression, const char* path, unsigned long) {
-          std::lock_guard<std::mutex> lock(m_mutex);
-          m_expressions.emplace_back(expression ? expression : "");
-          m_paths.emplace_back(path ? path : "");
+          m_reports.Add({expression ? expression : "", path ? path : ""});
       }) {}
 
 std::vector<std::string> AssertRecorder::Expressions() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_expressions;
+    std::vector<std::string> expressions;
+    for (const auto& report : m_reports.All()) {
+        expressions.push_back(report.first);
+    }
+    return expressions;
 }
 
 std::vector<std::string> AssertRecorder::Paths() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_paths;
-}
-
-size_t AssertRecorder::Count() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_expressions.size();
+    std::vector<std::string> paths;
+    for (const auto& report : m_reports.All()) {
+        paths.push_back(report.second);
+    }
+    return paths;
 }
 
 }  // namespace cimtest

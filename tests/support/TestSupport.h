@@ -8,8 +8,11 @@
 #include <cimcore/testing.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace cimtest {
@@ -18,6 +21,57 @@ namespace cimtest {
 // timing checks on slow machines; lower bounds are never stretched.
 double TimeScale();
 std::chrono::milliseconds Scaled(std::chrono::milliseconds bound);
+
+using Clock = std::chrono::steady_clock;
+
+inline std::chrono::milliseconds Since(Clock::time_point from) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from);
+}
+
+// Polls `done` until it holds or `limit` (scaled) has passed.
+template <class Condition>
+bool WaitUntil(Condition done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
+    const auto deadline = Clock::now() + Scaled(limit);
+    while (!done() && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    return done();
+}
+
+// Runs body(0) .. body(count - 1), each on a thread of its own, and joins them.
+void RunThreads(int count, const std::function<void(int)>& body);
+void JoinAll(std::vector<std::thread>& threads);
+
+// Values handed over by other threads, in order; a test waits for them
+// instead of sleeping.
+template <class T>
+class Recorder {
+public:
+    void Add(T value) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_values.push_back(std::move(value));
+        m_changed.notify_all();
+    }
+    std::vector<T> All() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_values;
+    }
+    // Waits until `done(values)` holds or `limit` (scaled) has passed.
+    template <class Condition>
+    bool Await(Condition done, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, Scaled(limit), [&] { return done(m_values); });
+    }
+    bool AwaitCount(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
+        return Await([count](const std::vector<T>& values) { return values.size() >= count; },
+                     limit);
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<T> m_values;  // guarded by m_mutex
+};
 
 // A folder under /tmp that is removed with everything in it.
 class TempDir {
@@ -34,6 +88,9 @@ private:
 };
 
 std::string ReadFile(const std::string& path);
+std::vector<std::string> SplitLines(const std::string& text);
+// The message part of a log line (after "): "), or the whole line.
+std::string MessageOf(const std::string& line);
 void WriteFile(const std::string& path, const std::string& text);
 bool Exists(const std::string& path);
 
@@ -98,13 +155,11 @@ public:
     std::vector<std::string> Expressions() const;
     // The source each report named, in the same order.
     std::vector<std::string> Paths() const;
-    size_t Count() const;
+    size_t Count() const { return m_reports.All().size(); }
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_expressions;  // guarded by m_mutex
-    std::vector<std::string> m_paths;        // guarded by m_mutex
-    CIM::testing::ScopedAssertHook m_hook;   // last: set once the rest is built
+    Recorder<std::pair<std::string, std::string>> m_reports;  // expression, path
+    CIM::testing::ScopedAssertHook m_hook;                    // last: set once the rest is built
 };
 
 }  // namespace cimtest

@@ -1,15 +1,20 @@
 // Runs the built cim-demo with its log sent to a file.
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include <sys/wait.h>
 
 namespace {
+
+using ::testing::HasSubstr;
 
 TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     cimtest::TempDir dir;
@@ -22,9 +27,9 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     const std::string output = cimtest::ReadFile(outPath);
     ASSERT_TRUE(WIFEXITED(status)) << output;
     EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-    EXPECT_NE(output.find("== Summary =="), std::string::npos) << output;
+    EXPECT_THAT(output, HasSubstr("== Summary =="));
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
-    EXPECT_NE(output.find(logPath), std::string::npos) << output;
+    EXPECT_THAT(output, HasSubstr(logPath));
     // Without --keep the demo leaves no temporary folder behind.
     std::smatch removed;
     ASSERT_TRUE(std::regex_search(output, removed, std::regex("files in (\\S+) were removed")))
@@ -33,27 +38,23 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
 
     const std::regex line(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d [VDIWEF?]/[A-Z_]+\(\d+:\d+\): .*$)");
     const std::string log = cimtest::ReadFile(logPath);
-    size_t lines = 0;
-    size_t start = 0;
-    while (start < log.size()) {
-        const size_t end = log.find('\n', start);
-        ASSERT_NE(end, std::string::npos) << "unterminated last line";
-        const std::string text = log.substr(start, end - start);
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back(), '\n') << "unterminated last line";
+    const std::vector<std::string> lines = cimtest::SplitLines(log);
+    for (const std::string& text : lines) {
         EXPECT_TRUE(std::regex_match(text, line)) << text;
-        ++lines;
-        start = end + 1;
     }
-    EXPECT_GT(lines, 0u);
-    EXPECT_NE(log.find("AUTOLOCK ERROR"), std::string::npos);
+    EXPECT_THAT(log, HasSubstr("AUTOLOCK ERROR"));
     // The watchdog named the demo's deadlock and stall, and their ends, once each.
     for (const char* report :
          {"> deadlock: dl-", "> deadlock ended: dl-", "> task loop stalled: demo-stall ",
           "> task loop recovered: demo-stall,"}) {
-        size_t count = 0;
-        for (size_t at = log.find(report); at != std::string::npos; at = log.find(report, at + 1)) {
-            ++count;
-        }
-        EXPECT_EQ(count, 1u) << report;
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [report](const std::string& text) {
+                                    return text.find(report) != std::string::npos;
+                                }),
+                  1)
+            << report;
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -42,6 +43,16 @@ struct Appended : Base {
 template <typename Base>
 int SlotCount() {
     return Slot(&Appended<Base>::ProbeAppended);
+}
+
+// The slots of `functions`, then the number of slots of Class: one list, so
+// that a failure shows the whole order.
+template <typename Class, typename... Functions>
+std::vector<int> Slots(Functions... functions) {
+    return {Slot(functions)..., SlotCount<Class>()};
+}
+std::vector<int> Seq(std::initializer_list<int> slots) {
+    return slots;
 }
 
 struct Known {
@@ -99,47 +110,30 @@ TEST(Abi, SlotDecodingKnowsVirtualFromPlain) {
 
 TEST(Abi, LegacyRuntimeVirtualsAreInTheirSlots) {
     // Destructor, deleting destructor, Destroy.
-    EXPECT_EQ(Slot(&TCSemaphore::Destroy), 2);
-    EXPECT_EQ(SlotCount<TCSemaphore>(), 3);
-    EXPECT_EQ(Slot(&TCMutex::Destroy), 2);
-    EXPECT_EQ(SlotCount<TCMutex>(), 3);
-    EXPECT_EQ(Slot(&TCQueue::Destroy), 2);
-    EXPECT_EQ(SlotCount<TCQueue>(), 3);
+    EXPECT_EQ(Slots<TCSemaphore>(&TCSemaphore::Destroy), Seq({2, 3}));
+    EXPECT_EQ(Slots<TCMutex>(&TCMutex::Destroy), Seq({2, 3}));
+    EXPECT_EQ(Slots<TCQueue>(&TCQueue::Destroy), Seq({2, 3}));
 
     // t_Main, the two destructors, Destroy.
-    EXPECT_EQ(Slot(&ThreadProbe::t_Main), 0);
-    EXPECT_EQ(Slot(&TCThread::Destroy), 3);
-    EXPECT_EQ(SlotCount<TCThread>(), 4);
-    EXPECT_EQ(Slot(&NotifyProbe::t_Main), 0);
-    EXPECT_EQ(Slot(&TCEventNotifyThread::Destroy), 3);
-    EXPECT_EQ(SlotCount<TCEventNotifyThread>(), 4);
+    EXPECT_EQ(Slots<TCThread>(&ThreadProbe::t_Main, &TCThread::Destroy), Seq({0, 3, 4}));
+    EXPECT_EQ(Slots<TCEventNotifyThread>(&NotifyProbe::t_Main, &TCEventNotifyThread::Destroy),
+              Seq({0, 3, 4}));
 
     // The two destructors, t_OnEvent, Destroy.
-    EXPECT_EQ(Slot(&HandlerProbe::t_OnEvent), 2);
-    EXPECT_EQ(Slot(&TCHandler::Destroy), 3);
-    EXPECT_EQ(SlotCount<TCHandler>(), 4);
+    EXPECT_EQ(Slots<TCHandler>(&HandlerProbe::t_OnEvent, &TCHandler::Destroy), Seq({2, 3, 4}));
 
     // The thread's four, then the task's own; t_OnEvent overrides the
     // handler's and so takes a slot of its own here too.
-    EXPECT_EQ(Slot(&TaskProbe::t_Main), 0);
-    EXPECT_EQ(Slot(&TCTask::Destroy), 3);
-    EXPECT_EQ(Slot(&TaskProbe::t_Create), 4);
-    EXPECT_EQ(Slot(&TaskProbe::t_Idle), 5);
-    EXPECT_EQ(Slot(&TaskProbe::t_Destroy), 6);
-    EXPECT_EQ(Slot(&TaskProbe::t_OnEvent), 7);
-    EXPECT_EQ(Slot(&TaskProbe::t_OnExit), 8);
-    EXPECT_EQ(Slot(&TaskProbe::t_OnUser), 9);
-    EXPECT_EQ(Slot(&TaskProbe::t_OnClearQueue), 10);
-    EXPECT_EQ(Slot(&TaskProbe::ExecuteEvent), 11);
-    EXPECT_EQ(SlotCount<TCTask>(), 12);
+    EXPECT_EQ(Slots<TCTask>(&TaskProbe::t_Main, &TCTask::Destroy, &TaskProbe::t_Create,
+                            &TaskProbe::t_Idle, &TaskProbe::t_Destroy, &TaskProbe::t_OnEvent,
+                            &TaskProbe::t_OnExit, &TaskProbe::t_OnUser, &TaskProbe::t_OnClearQueue,
+                            &TaskProbe::ExecuteEvent),
+              Seq({0, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
 
     // t_Main (private), the destructors, Destroy, t_OnEvent, t_OnAlarm.
-    EXPECT_EQ(Slot(&TCAlarm::Destroy), 3);
-    EXPECT_EQ(Slot(&AlarmProbe::t_OnEvent), 4);
-    EXPECT_EQ(Slot(&AlarmProbe::t_OnAlarm), 5);
-    EXPECT_EQ(SlotCount<TCAlarm>(), 6);
+    EXPECT_EQ(Slots<TCAlarm>(&TCAlarm::Destroy, &AlarmProbe::t_OnEvent, &AlarmProbe::t_OnAlarm),
+              Seq({3, 4, 5, 6}));
     EXPECT_EQ(SlotCount<TCStateAlarm>(), 6);
-
     EXPECT_EQ(SlotCount<TCRWLock>(), 2);
 }
 
@@ -150,35 +144,27 @@ TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
     EXPECT_EQ(SlotCount<CIM::TCCICoreTraceLock>(), 2);
     EXPECT_EQ(SlotCount<CIM::ApplicationLauncher>(), 2);
 
-    EXPECT_EQ(Slot(&CIM::TICIMAlarmObserver::OnTimer), 2);
-    EXPECT_EQ(SlotCount<CIM::TICIMAlarmObserver>(), 3);
-    EXPECT_EQ(Slot(&ObserverSafeProbe::t_LockAlarmObserverSafe), 3);
-    EXPECT_EQ(Slot(&ObserverSafeProbe::t_UnlockAlarmObserverSafe), 4);
-    EXPECT_EQ(SlotCount<CIM::TICIMAlarmObserverSafe>(), 5);
+    EXPECT_EQ(Slots<CIM::TICIMAlarmObserver>(&CIM::TICIMAlarmObserver::OnTimer), Seq({2, 3}));
+    EXPECT_EQ(Slots<CIM::TICIMAlarmObserverSafe>(&ObserverSafeProbe::t_LockAlarmObserverSafe,
+                                                 &ObserverSafeProbe::t_UnlockAlarmObserverSafe),
+              Seq({3, 4, 5}));
 
     using Interface = CIM::TICIMIpConnection;
-    EXPECT_EQ(Slot(&Interface::Connect), 2);
-    EXPECT_EQ(Slot(&Interface::ConnectMulticast), 3);
-    EXPECT_EQ(Slot(&Interface::Disconnect), 4);
-    EXPECT_EQ(Slot(&Interface::SendData), 5);
-    EXPECT_EQ(Slot(&Interface::ReadData), 6);
-    EXPECT_EQ(Slot(&Interface::GetSourcePort), 7);
-    EXPECT_EQ(Slot(&Interface::IsConnected), 8);
-    EXPECT_EQ(SlotCount<Interface>(), 9);
+    EXPECT_EQ(Slots<Interface>(&Interface::Connect, &Interface::ConnectMulticast,
+                               &Interface::Disconnect, &Interface::SendData, &Interface::ReadData,
+                               &Interface::GetSourcePort, &Interface::IsConnected),
+              Seq({2, 3, 4, 5, 6, 7, 8, 9}));
 
     // After the interface's nine: the transport hooks, then the observer's
     // lock and unlock, which override the private base's.
     const auto checkConnection = [](auto probe, const char* name) {
         using Probe = typename decltype(probe)::type;
         SCOPED_TRACE(name);
-        EXPECT_EQ(Slot(&Probe::Connect), 2);
-        EXPECT_EQ(Slot(&Probe::IsConnected), 8);
-        EXPECT_EQ(Slot(&Probe::t_SocketSynchronousWrite), 9);
-        EXPECT_EQ(Slot(&Probe::t_SocketAsynchronousRead), 10);
-        EXPECT_EQ(Slot(&Probe::t_CreateProtocol), 11);
-        EXPECT_EQ(Slot(&Probe::t_LockAlarmObserverSafe), 12);
-        EXPECT_EQ(Slot(&Probe::t_UnlockAlarmObserverSafe), 13);
-        EXPECT_EQ(SlotCount<Probe>(), 14);
+        EXPECT_EQ(
+            Slots<Probe>(&Probe::Connect, &Probe::IsConnected, &Probe::t_SocketSynchronousWrite,
+                         &Probe::t_SocketAsynchronousRead, &Probe::t_CreateProtocol,
+                         &Probe::t_LockAlarmObserverSafe, &Probe::t_UnlockAlarmObserverSafe),
+            Seq({2, 8, 9, 10, 11, 12, 13, 14}));
     };
     checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionTcp>>(), "TCP");
     checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), "UDP");

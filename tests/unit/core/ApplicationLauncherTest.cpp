@@ -9,9 +9,7 @@
 
 #include <chrono>
 #include <regex>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -44,19 +42,10 @@ protected:
     // Polled with a bound: the launched program is nobody's child here, and
     // one that went wrong never reports.
     std::vector<std::string> WaitForRuns(size_t count) const {
-        const auto deadline =
-            std::chrono::steady_clock::now() + cimtest::Scaled(std::chrono::seconds(10));
-        std::vector<std::string> runs;
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            runs.clear();
-            std::istringstream in(cimtest::ReadFile(m_out));
-            for (std::string line; std::getline(in, line);) {
-                runs.push_back(line);
-            }
-        } while (runs.size() < count && std::chrono::steady_clock::now() < deadline);
-        return runs;
+        cimtest::WaitUntil([&] { return Runs().size() >= count; }, std::chrono::seconds(10));
+        return Runs();
     }
+    std::vector<std::string> Runs() const { return cimtest::SplitLines(cimtest::ReadFile(m_out)); }
 
     cimtest::TempDir m_dir;
     cimtest::LogCapture m_log;

@@ -2,15 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "NetTestPeers.h"
 #include "TestSupport.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,33 +25,11 @@ using CIM::ALARM_COUNT_INFINITY;
 using CIM::ALARM_COUNT_ONCE;
 using CIM::TCCIMAlarm;
 using AlarmPtr = boost::shared_ptr<TCCIMAlarm>;
-using Clock = std::chrono::steady_clock;
+using cimtest::Clock;
 using std::chrono::milliseconds;
 
 // Times of events; the test waits for the n-th one instead of sleeping.
-class Events {
-public:
-    void Add() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_times.push_back(Clock::now());
-        m_changed.notify_all();
-    }
-    bool WaitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, cimtest::Scaled(milliseconds(3000)),
-                                  [&] { return m_times.size() >= count; });
-    }
-    std::vector<Clock::time_point> Times() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_times;
-    }
-    size_t Count() { return Times().size(); }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Clock::time_point> m_times;  // guarded by m_mutex
-};
+using Events = cimtest::Recorder<Clock::time_point>;
 
 // Runs `react` on each expiry, by default forwarding as the stack's observers do.
 class Observer : public CIM::TICIMAlarmObserver {
@@ -61,7 +38,7 @@ public:
         : m_react(std::move(react)) {}
     void OnTimer(AlarmPtr alarm) override {
         m_react(alarm);
-        expiries.Add();
+        expiries.Add(Clock::now());
     }
     Events expiries;
 
@@ -76,19 +53,9 @@ protected:
     // Every test stops and joins its alarms first, as shutting down requires.
     void TearDown() override { m_task->Join(); }
 
-    // Runs `work` on the task's thread and waits: what was queued before has run.
-    void OnTaskThread(std::function<void()> work = [] {}) {
-        std::promise<void> done;
-        boost::asio::post(m_task->GetIoContext(), [&] {
-            work();
-            done.set_value();
-        });
-        done.get_future().get();
-    }
-
     AlarmPtr Create(Observer* observer, CIM::EAlarmType type = ALARM_COUNT_ONCE) {
         return TCCIMAlarm::CreateAlarm(
-            observer, m_task, [this] { m_callbacks.Add(); }, type, "a");
+            observer, m_task, [this] { m_callbacks.Add(Clock::now()); }, type, "a");
     }
 
     cimtest::LogCapture m_log;  // before the task: its thread logs
@@ -101,13 +68,13 @@ TEST_F(CIMAlarmTest, ZeroAndNegativePeriodsFireOnceOnTheNextTurn) {
     for (const int periodMs : {0, -5}) {
         Observer observer;
         auto alarm = Create(&observer);
-        OnTaskThread([&] {
+        cimtest::RunOnLoop(m_task, [&] {
             alarm->SetTimer(periodMs);
-            EXPECT_EQ(0u, observer.expiries.Count()) << "fired inside SetTimer";
+            EXPECT_EQ(0u, observer.expiries.All().size()) << "fired inside SetTimer";
         });
-        ASSERT_TRUE(m_callbacks.WaitFor(++fired)) << periodMs;
+        ASSERT_TRUE(m_callbacks.AwaitCount(++fired)) << periodMs;
         EXPECT_FALSE(alarm->IsActive());
-        EXPECT_EQ(1u, observer.expiries.Count());
+        EXPECT_EQ(1u, observer.expiries.All().size());
     }
 }
 
@@ -117,8 +84,8 @@ TEST_F(CIMAlarmTest, RestartMakesTheEarlierExpiryStale) {
     alarm->SetTimer(20);
     const Clock::time_point restart = Clock::now();
     alarm->SetTimer(120);
-    ASSERT_TRUE(m_callbacks.WaitFor(1));
-    EXPECT_GE(m_callbacks.Times()[0] - restart, milliseconds(120)) << "the first start fired";
+    ASSERT_TRUE(m_callbacks.AwaitCount(1));
+    EXPECT_GE(m_callbacks.All()[0] - restart, milliseconds(120)) << "the first start fired";
 }
 
 TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
@@ -128,7 +95,7 @@ TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
     for (const bool stop : {true, false}) {
         SCOPED_TRACE(stop);
         alarm->SetTimer(10);
-        ASSERT_TRUE(observer.expiries.WaitFor(stop ? 1 : 2));
+        ASSERT_TRUE(observer.expiries.AwaitCount(stop ? 1 : 2));
         EXPECT_TRUE(alarm->IsActive()) << "a one-shot alarm waits for RunHandler";
         if (stop) {
             alarm->StopTimer();
@@ -136,7 +103,7 @@ TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
         alarm->RunHandler();
         alarm->Join();
         EXPECT_FALSE(alarm->IsActive());
-        EXPECT_EQ(stop ? 0u : 1u, m_callbacks.Count());
+        EXPECT_EQ(stop ? 0u : 1u, m_callbacks.All().size());
     }
 }
 
@@ -151,10 +118,10 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
     auto alarm = Create(&observer, ALARM_COUNT_INFINITY);
     const Clock::time_point start = Clock::now();
     alarm->SetTimer(kPeriodMs);
-    ASSERT_TRUE(m_callbacks.WaitFor(kExpiries));
+    ASSERT_TRUE(m_callbacks.AwaitCount(kExpiries));
     alarm->StopTimer();
     alarm->Join();
-    const std::vector<Clock::time_point> times = m_callbacks.Times();
+    const std::vector<Clock::time_point> times = m_callbacks.All();
     for (size_t k = 1; k <= kExpiries; ++k) {
         const milliseconds due(k * kPeriodMs + 20);
         EXPECT_GE(times[k - 1] - start, due) << k;
@@ -170,13 +137,13 @@ TEST_F(CIMAlarmTest, RepeatingAlarmStaysOnItsGridAndFiresUntilStopped) {
         alarm->SetTimer(periodMs);
         watch = alarm;
         alarm.reset();
-        ASSERT_TRUE(busy.expiries.WaitFor(busy.expiries.Count() + 20));
+        ASSERT_TRUE(busy.expiries.AwaitCount(busy.expiries.All().size() + 20));
         alarm = watch.lock();
         alarm->StopTimer();
         alarm->Join();
-        const size_t atStop = busy.expiries.Count();
-        OnTaskThread();
-        EXPECT_EQ(atStop, busy.expiries.Count()) << periodMs;
+        const size_t atStop = busy.expiries.All().size();
+        cimtest::RunOnLoop(m_task);
+        EXPECT_EQ(atStop, busy.expiries.All().size()) << periodMs;
     }
     alarm.reset();
     m_task->Join();  // would wait for ever on an alarm still armed
@@ -193,7 +160,7 @@ TEST_F(CIMAlarmTest, MissingObserverIsReportedAtEachExpiry) {
     Observer probe(kHold);  // expires after both of the others
     AlarmPtr later = Create(&probe);
     later->SetTimer(60);
-    ASSERT_TRUE(probe.expiries.WaitFor(1));
+    ASSERT_TRUE(probe.expiries.AwaitCount(1));
     for (const AlarmPtr& alarm : {once, repeating, later}) {
         alarm->StopTimer();
         alarm->Join();
@@ -213,10 +180,10 @@ TEST_F(CIMAlarmTest, AlarmNotOwnedBySharedPointerNeverStarts) {
         alarm.RunHandler();
         alarm.Join();
         // Anything queued by mistake would have run by the end of this.
-        OnTaskThread();
-        OnTaskThread();
+        cimtest::RunOnLoop(m_task);
+        cimtest::RunOnLoop(m_task);
     }
-    EXPECT_EQ(0u, observer.expiries.Count());
+    EXPECT_EQ(0u, observer.expiries.All().size());
     EXPECT_EQ(3u, m_log.Count(std::string("> ") + boost::bad_weak_ptr().what()));
 }
 

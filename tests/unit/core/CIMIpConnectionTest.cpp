@@ -50,7 +50,7 @@ TEST(CIMIpConnection, UnconnectedCallsAndBadInputLeaveTheObjectReusable) {
     tcp.ReadData(data, uint16_t(20), read.Callback());
     tcp.SendData(data, send.Callback());
     for (Completion* completion : {&read, &send}) {
-        ASSERT_EQ(completion->calls, 1);
+        ASSERT_EQ(completion->Calls(), 1);
         EXPECT_EQ(completion->Wait().error.value(), 103);
     }
 
@@ -138,7 +138,7 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
         }
         RunLoopPast(task.Get(), std::chrono::milliseconds(longestMs + 20));
         for (const Completion& completion : completions) {
-            EXPECT_EQ(completion.calls, 1);
+            EXPECT_EQ(completion.Calls(), 1);
         }
     }
 }

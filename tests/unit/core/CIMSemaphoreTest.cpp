@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -31,25 +33,17 @@ TEST(CIMSemaphoreTest, DebtFirstThenOneWaiterPerGive) {
         released.Take();
         EXPECT_EQ(round, passed.load()) << "one give let more than one waiter through";
     }
-    for (std::thread& waiter : waiters) {
-        waiter.join();
-    }
+    cimtest::JoinAll(waiters);
 }
 
 // A lost unit leaves a taker blocked; a duplicated one is left over.
 TEST(CIMSemaphoreTest, NoUnitIsLostOrDuplicatedUnderContention) {
     TCCIMSemaphore semaphore(0);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&semaphore, give = i % 2 == 0] {
-            for (int n = 0; n < 20000; ++n) {
-                give ? semaphore.Give() : semaphore.Take();
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    cimtest::RunThreads(4, [&semaphore](int i) {
+        for (int n = 0; n < 20000; ++n) {
+            i % 2 == 0 ? semaphore.Give() : semaphore.Take();
+        }
+    });
     EXPECT_FALSE(semaphore.Try());
 }
 

@@ -3,6 +3,7 @@
 
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -13,6 +14,9 @@
 #include <unistd.h>
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 class CIMTime : public ::testing::Test {
 protected:
@@ -98,7 +102,13 @@ TEST_F(CIMTime, BadFieldsThrowTheDateLibraryErrorsInCheckOrder) {
     CIM::TSCIMTime special;
     special.m_time = boost::posix_time::ptime(boost::posix_time::not_a_date_time);
     const std::string text = ExceptionText([&] { special.DateTimeComponents(); });
-    EXPECT_EQ(text.rfind("tm unable to handle", 0), 0u) << text;
+    EXPECT_THAT(text, StartsWith("tm unable to handle"));
+}
+
+// The comparisons that hold, so that a failure names the operator.
+std::string Relations(const CIM::TSCIMTime& x, const CIM::TSCIMTime& y) {
+    return std::string(x == y ? "==" : "") + (x < y ? " <" : "") + (x <= y ? " <=" : "") +
+           (x > y ? " >" : "") + (x >= y ? " >=" : "");
 }
 
 TEST_F(CIMTime, ComparisonsWorkOnWholeSecondsTruncatedTowardZero) {
@@ -107,16 +117,15 @@ TEST_F(CIMTime, ComparisonsWorkOnWholeSecondsTruncatedTowardZero) {
     CIM::TSCIMTime b(100L);
     a.m_time += milliseconds(100);
     b.m_time += milliseconds(600);
-    EXPECT_TRUE(a == b && a <= b && a >= b);
-    EXPECT_FALSE(a < b || b > a);
-
+    EXPECT_EQ(Relations(a, b), "== <= >=");
+    EXPECT_EQ(Relations(b, a), "== <= >=");
     const CIM::TSCIMTime c(101L);
-    EXPECT_TRUE(a < c && c > a && a <= c && c >= a);
-    EXPECT_FALSE(a == c || a > c || c < a);
+    EXPECT_EQ(Relations(a, c), " < <=");
+    EXPECT_EQ(Relations(c, a), " > >=");
 
     CIM::TSCIMTime justBefore;
     justBefore.m_time -= milliseconds(500);
-    EXPECT_TRUE(justBefore == CIM::TSCIMTime());
+    EXPECT_EQ(Relations(justBefore, CIM::TSCIMTime()), "== <= >=");
 }
 
 TEST_F(CIMTime, TickCountsWholeClockStepsAndWrapSafeDifferences) {
@@ -158,7 +167,7 @@ TEST_F(CIMTime, ScopeTimerLogsOnlyPastItsThreshold) {
     const unsigned long start = std::stoul(match[2].str());
     EXPECT_EQ(std::stoul(match[3].str()), CIM::TickDiff(end, start));
     EXPECT_GE(std::stoul(match[3].str()), 30u);
-    EXPECT_NE(log.Lines()[0].find(" E/CI_CORE("), std::string::npos);
+    EXPECT_THAT(log.Lines()[0], HasSubstr(" E/CI_CORE("));
 }
 
 }  // namespace

@@ -78,8 +78,8 @@ TEST_F(QueueTest, BlockingAndNonBlockingReads) {
     TSEvent event;
     auto start = Clock::now();
     EXPECT_FALSE(queue.Get(&event, 60UL));
-    EXPECT_GE(ElapsedMs(start), 58);
-    EXPECT_LT(ElapsedMs(start), Scaled(milliseconds(500)).count());
+    EXPECT_GE(Since(start), milliseconds(58));
+    EXPECT_LT(Since(start), Scaled(milliseconds(500)));
 
     // The put records its thread; pointers pass whole.
     auto reader = std::async(std::launch::async, [this] {
@@ -105,7 +105,7 @@ TEST_F(QueueTest, SkippedSynchronousHeadStaysQueuedAndKeepsItsUnit) {
     TSEvent event;
     const auto start = Clock::now();
     EXPECT_FALSE(queue.Get(&event, 100UL)) << "a synchronous head is skipped";
-    EXPECT_LT(ElapsedMs(start), 90) << "the skip does not wait for the timeout";
+    EXPECT_LT(Since(start), milliseconds(90)) << "the skip does not wait for the timeout";
     EXPECT_FALSE(queue.Get(&event, kA)) << "nor taken selectively";
 
     // The unit consumed by the skip is not given back, as designed: a

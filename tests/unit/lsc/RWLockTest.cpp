@@ -2,6 +2,8 @@
 
 #include "LscTestSupport.h"
 
+#include <gmock/gmock.h>
+
 #include <vector>
 
 namespace cimtest {
@@ -26,8 +28,7 @@ TEST(RWLockTest, NestedReadsReleaseOnceAtTheLastUnlockAndCannotUpgrade) {
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(asserts.Expressions(), std::vector<std::string>{"*pCount == 0"});
     EXPECT_EQ(asserts.Paths(), std::vector<std::string>{"src/lsc/RWLock"});
-    EXPECT_NE(err.find("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"), std::string::npos)
-        << err;
+    EXPECT_THAT(err, testing::HasSubstr("Cannot acquire Wlock, thread have already 2 Rlock(s)\n"));
 
     auto writer = std::async(std::launch::async, [&] { return lock.WLock() && lock.WUnlock(); });
     EXPECT_TRUE(lock.RUnlock());
@@ -63,30 +64,26 @@ TEST(RWLockTest, ReadersAndWritersUnderContentionKeepDataConsistent) {
     TCRWLock lock;
     long first = 0;  // a writer changes both halves; a reader must never see them differ
     long second = 0;
-    std::atomic<int> faults{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) {
-        threads.emplace_back([&, writer = t < 2] {
-            for (int i = 0; i < 2000; ++i) {
-                bool ok;
-                if (writer) {  // nested, and reading its own data
-                    ok = lock.WLock() && lock.WLock();
-                    ++first;
-                    ok = lock.RLock() && ok;
-                    ++second;
-                    ok = lock.RUnlock() && lock.WUnlock() && lock.WUnlock() && ok;
-                } else {
-                    ok = lock.RLock() && lock.RLock() && first == second;
-                    ok = lock.RUnlock() && lock.RUnlock() && ok;
-                }
-                faults += ok ? 0 : 1;
+    std::atomic<int> failedCalls{0}, tornReads{0};
+    RunThreads(6, [&](int t) {
+        for (int i = 0; i < 2000; ++i) {
+            bool ok;
+            if (t < 2) {  // a writer: nested, and reading its own data
+                ok = lock.WLock() && lock.WLock();
+                ++first;
+                ok = lock.RLock() && ok;
+                ++second;
+                ok = lock.RUnlock() && lock.WUnlock() && lock.WUnlock() && ok;
+            } else {
+                ok = lock.RLock() && lock.RLock();
+                tornReads += first == second ? 0 : 1;
+                ok = lock.RUnlock() && lock.RUnlock() && ok;
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(faults.load(), 0) << "a call failed or a reader saw a torn update";
+            failedCalls += ok ? 0 : 1;
+        }
+    });
+    EXPECT_EQ(failedCalls.load(), 0);
+    EXPECT_EQ(tornReads.load(), 0);
     EXPECT_EQ(second, 2 * 2000);
 }
 

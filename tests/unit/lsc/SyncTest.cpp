@@ -78,9 +78,7 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     EXPECT_TRUE(WaitUntil([&log] { return log.Contains("### TCSyncDet::Add() failed"); }));
     EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
     task.Open();
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    JoinAll(threads);
     EXPECT_EQ(completed, kSenders);
     EXPECT_EQ(SyncEntries(), 0);
     task.Stop();

@@ -99,8 +99,8 @@ TEST_F(TaskTest, PingTimesOutOnABusyTaskAndClearQueueGoesFirst) {
     task.Hold();
     const auto start = Clock::now();
     EXPECT_FALSE(TCTask::Ping(&task, 100));
-    EXPECT_GE(ElapsedMs(start), 98);
-    EXPECT_LT(ElapsedMs(start), Scaled(1500ms).count());
+    EXPECT_GE(Since(start), 98ms);
+    EXPECT_LT(Since(start), Scaled(1500ms));
     task.Open();
     EXPECT_TRUE(TCTask::Ping(&task, 5000));
 
@@ -127,7 +127,7 @@ TEST_F(TaskTest, CreationValuesAndTheTaskList) {
     const auto start = Clock::now();
     ASSERT_TRUE(idle.Create("a-task-name-of-20-ch", 20, 0, 0));
     ASSERT_TRUE(WaitUntil([&idle] { return idle.idles >= 2; }, 1000ms));
-    EXPECT_GE(ElapsedMs(start), 38) << "the idle hook ran before its time-out";
+    EXPECT_GE(Since(start), 38ms) << "the idle hook ran before its time-out";
     TCTaskList::m_mutex.Lock();
     EXPECT_TRUE(TCTaskList::Find("a-task-name-of-"));
     EXPECT_EQ(TCTaskList::Task(), &idle);
@@ -162,37 +162,31 @@ TEST_F(TaskTest, AsynchronousSendAllocatesNothing) {
 }
 
 TEST_F(TaskTest, ManyProducersLoseNothingAndKeepTheirOrder) {
-    constexpr uintptr_t kProducers = 4;
+    constexpr int kProducers = 4;
     constexpr uintptr_t kEvents = 20000;
     HeldTask task;
     // An event lost or run twice breaks a producer's sequence as well.
-    std::vector<uintptr_t> next(kProducers, 0);  // task thread only
+    std::vector<uintptr_t> next(size_t(kProducers), 0);  // task thread only
     long outOfOrder = 0;
     task.onUser = [&](const TSEvent* event) {
         outOfOrder += event->word5 != next[event->word4] ? 1 : 0;
         next[event->word4] = event->word5 + 1;
     };
     ASSERT_TRUE(task.Create("loaded", 0, 0, 0));
-    std::vector<std::thread> producers;
-    for (uintptr_t producer = 0; producer < kProducers; ++producer) {
-        producers.emplace_back([&task, producer] {
-            for (uintptr_t i = 0; i < kEvents; ++i) {
-                TSEvent event = MakeEvent(&task, EVENT_USER, producer);
-                event.word5 = i;
-                // A full queue refuses; the producer tries again.
-                while (!TCTask::Send(&event, i % 64 == 63, false)) {
-                    std::this_thread::yield();
-                }
+    RunThreads(kProducers, [&task](int producer) {
+        for (uintptr_t i = 0; i < kEvents; ++i) {
+            TSEvent event = MakeEvent(&task, EVENT_USER, uintptr_t(producer));
+            event.word5 = i;
+            // A full queue refuses; the producer tries again.
+            while (!TCTask::Send(&event, i % 64 == 63, false)) {
+                std::this_thread::yield();
             }
-        });
-    }
-    for (auto& producer : producers) {
-        producer.join();
-    }
+        }
+    });
     // Ordinary events run in order: a synchronous one sent now runs last.
     ASSERT_TRUE(SendTo(&task, 9, true));
     EXPECT_EQ(outOfOrder, 0);
-    EXPECT_EQ(next, std::vector<uintptr_t>(kProducers, kEvents));
+    EXPECT_EQ(next, std::vector<uintptr_t>(size_t(kProducers), kEvents));
     EXPECT_EQ(SyncEntries(), 0) << "a refused synchronous send stayed recorded";
     task.Stop();
 }

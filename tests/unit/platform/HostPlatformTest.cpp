@@ -77,33 +77,6 @@ TEST(HostLog, WritesOneFormattedLinePerCallWithPriorityLetterAndIds) {
               "I/T_TAG" + Ids(child, child) + "from the child");
 }
 
-TEST(HostLog, ConcurrentLinesNeverInterleave) {
-    cimtest::LogCapture log;
-    constexpr int kThreads = 4;
-    constexpr int kLines = 400;
-    const std::string payload(300, 'p');
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &payload] {
-            for (int i = 0; i < kLines; ++i) {
-                __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_MT", "%d:%d:%s", t, i, payload.c_str());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    const std::vector<std::string> messages = log.Messages();
-    ASSERT_EQ(messages.size(), size_t(kThreads * kLines));
-    std::vector<int> next(kThreads, 0);
-    const std::regex message(R"(^(\d+):(\d+):p{300}$)");
-    for (const std::string& text : messages) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(text, match, message)) << text;
-        EXPECT_EQ(std::stoi(match[2].str()), next[std::stoi(match[1].str())]++);  // in order
-    }
-}
-
 TEST(HostLog, DestinationChangesOnlyThroughTheControlAndStoppedTagsAreDropped) {
     cimtest::LogCapture log;
     using cimhost::EHostSetting;
@@ -153,24 +126,21 @@ TEST(HostLog, DestinationSwitchedWhileThreadsLog) {
         }
     }
     stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    cimtest::JoinAll(threads);
     const std::regex whole(R"(^\d+:\d+:end$)");
     size_t lines = 0;
     for (const std::string& path : {first.Path(), second}) {
-        std::istringstream in(cimtest::ReadFile(path));
-        for (std::string line; std::getline(in, line); ++lines) {
-            const size_t start = line.find("): ");
-            ASSERT_NE(start, std::string::npos) << line;
-            ASSERT_TRUE(std::regex_match(line.substr(start + 3), whole)) << line;
+        for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(path))) {
+            ASSERT_TRUE(std::regex_match(cimtest::MessageOf(line), whole)) << line;
+            ++lines;
         }
     }
     EXPECT_GT(lines, 0u);
 }
 
 // Lines longer than a pipe's atomic write (4096 bytes) from several threads
-// reach standard error whole, and so do lines of 64 KiB.
+// reach standard error whole and in each thread's order, and so do lines of
+// 64 KiB.
 TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
     int pipeFds[2];
     ASSERT_EQ(::pipe(pipeFds), 0);
@@ -186,35 +156,31 @@ TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
     {
         cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
         ::dup2(pipeFds[1], STDERR_FILENO);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 8; ++t) {
-            threads.emplace_back([t] {
-                const std::string payload(t < 6 ? 5000 : 65536, char('a' + t));
-                for (int i = 0; i < (t < 6 ? 100 : 10); ++i) {
-                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_PIPE", "%d|%s|", t, payload.c_str());
-                }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        cimtest::RunThreads(8, [](int t) {
+            const std::string payload(t < 6 ? 5000 : 65536, char('a' + t));
+            for (int i = 0; i < (t < 6 ? 100 : 10); ++i) {
+                __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_PIPE", "%d|%d|%s|", t, i, payload.c_str());
+            }
+        });
         ::dup2(savedStderr, STDERR_FILENO);
     }
     ::close(savedStderr);
     ::close(pipeFds[1]);
     reader.join();
     ::close(pipeFds[0]);
-    std::istringstream in(received);
-    int lines = 0, bad = 0;
-    for (std::string line; std::getline(in, line); ++lines) {
-        const size_t start = line.find("): ");
-        const int t = start == std::string::npos ? -1 : line[start + 3] - '0';
-        const size_t size = t < 0 ? 0 : t < 6 ? 5000 : 65536;
+    const std::vector<std::string> lines = cimtest::SplitLines(received);
+    EXPECT_EQ(lines.size(), 6u * 100 + 2 * 10);
+    std::vector<int> next(8, 0);
+    int bad = 0;
+    for (const std::string& line : lines) {
+        const std::string message = cimtest::MessageOf(line);
+        const int t = message[0] - '0';
+        const size_t size = t < 6 ? 5000 : 65536;
         bad += t < 0 || t > 7 ||
-               line.substr(start + 4) != "|" + std::string(size, char('a' + t)) + "|";
+               message.substr(1) != "|" + std::to_string(next[size_t(t)]++) + "|" +
+                                        std::string(size, char('a' + t)) + "|";
     }
-    EXPECT_EQ(lines, 6 * 100 + 2 * 10);
-    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(bad, 0) << "lines cut, mixed or out of order";
 }
 
 // Renaming the file away (log rotation) makes the log reopen PATH within
@@ -235,9 +201,8 @@ TEST(HostLog, RotatedFileIsReopenedWithoutLosingALine) {
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
     std::vector<std::string> messages;
     for (const std::string& path : {rotated, log.Path()}) {
-        std::istringstream in(cimtest::ReadFile(path));
-        for (std::string line; std::getline(in, line);) {
-            messages.push_back(line.substr(line.find("): ") + 3));
+        for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(path))) {
+            messages.push_back(cimtest::MessageOf(line));
         }
     }
     ASSERT_EQ(messages.size(), size_t(next));
