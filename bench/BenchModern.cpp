@@ -255,6 +255,47 @@ double ArmSteadyTimers(Run& run) {
     return seconds * double(run.Iterations()) / double(n);
 }
 
+// What arming fixes for the library: a shared alarm object, a request posted
+// through the loop's strand, and on the loop a new timer for this start,
+// armed with a handler that keeps the object alive.
+double ArmThroughStrand(Run& run) {
+    struct Alarm {
+        std::shared_ptr<boost::asio::steady_timer> timer;
+    };
+    boost::asio::io_context context;
+    boost::asio::io_context::strand strand(context);
+    auto guard = boost::asio::make_work_guard(context);
+    std::thread worker([&] { context.run(); });
+    std::vector<std::shared_ptr<Alarm>> alarms;
+    const long n = kAlarms;
+    alarms.reserve(size_t(n));
+    Latch armed;
+    const long before = HeapBytesInUse();
+    const auto start = Clock::now();
+    for (long i = 0; i < n; ++i) {
+        alarms.push_back(std::make_shared<Alarm>());
+        boost::asio::post(strand, [&context, alarm = alarms.back()] {
+            alarm->timer = std::make_shared<boost::asio::steady_timer>(context);
+            alarm->timer->expires_after(std::chrono::milliseconds(kFarAwayMs));
+            alarm->timer->async_wait([alarm](const boost::system::error_code&) {});
+        });
+    }
+    boost::asio::post(strand, [&] { armed.Set(); });
+    if (!armed.Wait()) {
+        run.Fail("the loop did not arm the timers");
+    }
+    const double seconds = SecondsSince(start);
+    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(n), "B");
+    boost::asio::post(strand, [&alarms] {
+        for (auto& alarm : alarms) {
+            alarm->timer->cancel();
+        }
+    });
+    guard.reset();
+    worker.join();
+    return seconds * double(run.Iterations()) / double(n);
+}
+
 // The least a timer costs: a deadline pushed onto a heap under a lock.
 double ArmHeapEntries(Run& run) {
     std::mutex mutex;
@@ -396,6 +437,8 @@ const bool kRegistered = [] {
     }
     const std::string arm = "arming 10,000 alarms (also with --quick), per alarm";
     Register(arm, "CIM::TCCIMAlarm::CreateAlarm + SetTimer", Role::kCimcore, kAlarms, ArmAlarms);
+    Register(arm, "shared object, request through a strand, new timer", Role::kDesignFloor, kAlarms,
+             ArmThroughStrand);
     Register(arm, "new steady_timer + async_wait", Role::kPeer, kAlarms, ArmSteadyTimers);
     Register(arm, "deadline pushed on a heap under a mutex", Role::kMachineFloor, kAlarms,
              ArmHeapEntries);

@@ -10,6 +10,11 @@
 
 #include "HostControl.h"
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/io_context_strand.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/bind/bind.hpp>
+#include <boost/function.hpp>
 #include <boost/make_shared.hpp>
 
 #include <atomic>
@@ -424,6 +429,45 @@ double RawUdpSend(Run& run) {
     return seconds;
 }
 
+// What SendData fixes: the send on the caller's thread, then its callback,
+// bound to the result, posted through a strand to the loop thread.
+double RawUdpSendPostingCallback(Run& run) {
+    UdpSink sink;
+    const long n = run.Iterations();
+    sink.Start(n);
+    boost::asio::io_context context;
+    boost::asio::io_context::strand strand(context);
+    auto guard = boost::asio::make_work_guard(context);
+    std::thread loop([&] { context.run(); });
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in address = Loopback(sink.Port());
+    ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const std::vector<char> data(kDatagram, 0x5a);
+    const boost::function<void(const boost::system::error_code&, std::size_t)> callback =
+        [](const boost::system::error_code&, std::size_t) {};
+    const auto start = std::chrono::steady_clock::now();
+    for (long i = 0; i < n; ++i) {
+        if (!WaitForWindow(i, sink.count)) {
+            run.Fail("datagrams lost");
+            break;
+        }
+        const ssize_t sent = ::send(fd, data.data(), data.size(), 0);
+        boost::asio::post(strand, boost::bind(callback, boost::system::error_code(),
+                                              std::size_t(sent < 0 ? 0 : sent)));
+    }
+    while (sink.count.load() < n && run.Failed().empty()) {
+        if (!WaitForWindow(n, sink.count) && sink.count.load() < n) {
+            run.Fail("datagrams lost");
+        }
+        sched_yield();
+    }
+    const double seconds = SecondsSince(start);
+    guard.reset();
+    loop.join();
+    ::close(fd);
+    return seconds;
+}
+
 // Sends n datagrams from a raw socket to `port`, keeping the window.
 std::thread UdpSource(int fd, uint16_t port, long n, const std::atomic<long>& received,
                       std::atomic<bool>& stalled) {
@@ -529,6 +573,8 @@ const bool kRegistered = [] {
         Register(udpSend, std::string("SendData, ") + logs[i], Role::kCimcore, kDatagrams,
                  [=](Run& run) { return LibraryUdpSend(run, i == 0); });
     }
+    Register(udpSend, "send(2), callback posted through a strand", Role::kDesignFloor, kDatagrams,
+             RawUdpSendPostingCallback);
     Register(udpSend, "send(2) on a raw socket", Role::kPeerAndFloor, kDatagrams, RawUdpSend);
 
     const std::string udpReceive = "UDP 512-byte datagrams received on loopback, per datagram";
