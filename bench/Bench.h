@@ -105,9 +105,9 @@ public:
     ~Pinning();
     Pinning(const Pinning&) = delete;
     Pinning& operator=(const Pinning&) = delete;
-    // False (with the reason in `why`) when the placement needs more CPUs
+    // False, with the run marked skipped, when the placement needs more CPUs
     // than this process may use.
-    bool Possible(std::string* why) const;
+    bool Usable(Run& run) const;
     void Consumer();
     void Producers();
 

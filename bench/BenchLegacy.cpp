@@ -271,9 +271,7 @@ struct LegacyTask {
 
 double LegacyAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     LegacyCoreExport::Init();
@@ -302,9 +300,7 @@ double LegacyAsync(Run& run, int producers, Placement placement) {
 
 double DesignAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     design::Queue queue;
@@ -340,9 +336,7 @@ double DesignAsync(Run& run, int producers, Placement placement) {
 
 double AceAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     ACE_Message_Queue<ACE_MT_SYNCH> queue;
@@ -380,9 +374,7 @@ public:
 
 double PocoAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     Poco::NotificationQueue queue;
@@ -491,9 +483,7 @@ private:
 
 double PlainRingAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     PlainRing ring;
@@ -514,9 +504,7 @@ double PlainRingAsync(Run& run, int producers, Placement placement) {
 
 double BatchedRingAsync(Run& run, int producers, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     BatchedRing ring;
@@ -541,9 +529,7 @@ double BatchedRingAsync(Run& run, int producers, Placement placement) {
 // watchdog scanning.
 double LegacySync(Run& run, Placement placement, bool table, unsigned long watchdogMs) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     LegacyCoreExport::Init();
@@ -582,9 +568,7 @@ double LegacySync(Run& run, Placement placement, bool table, unsigned long watch
 
 double DesignSync(Run& run, Placement placement, bool table) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     design::Queue queue;
@@ -628,9 +612,7 @@ double DesignSync(Run& run, Placement placement, bool table) {
 template <class Echo, class Call>
 double PingPong(Run& run, Placement placement, Echo echo, Call call) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     const long n = run.Iterations();

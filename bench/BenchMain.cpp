@@ -264,9 +264,9 @@ Pinning::~Pinning() {
     ::pthread_setaffinity_np(::pthread_self(), sizeof m_saved, &m_saved);
 }
 
-bool Pinning::Possible(std::string* why) const {
+bool Pinning::Usable(Run& run) const {
     if (m_placement == Placement::kTwoCores && m_second < 0) {
-        *why = "fewer than 2 CPUs available to this process";
+        run.Skip("fewer than 2 CPUs available to this process");
         return false;
     }
     return true;

@@ -33,9 +33,7 @@ constexpr long kPosts = 200000;
 
 double TaskPost(Run& run, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     pinning.Consumer();
@@ -62,9 +60,7 @@ double TaskPost(Run& run, Placement placement) {
 
 double AsioStrandPost(Run& run, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     boost::asio::io_context context;
@@ -97,9 +93,7 @@ double AsioStrandPost(Run& run, Placement placement) {
 // lets it take everything queued at once.
 double BatchedFunctionQueue(Run& run, Placement placement) {
     Pinning pinning(placement);
-    std::string why;
-    if (!pinning.Possible(&why)) {
-        run.Skip(why);
+    if (!pinning.Usable(run)) {
         return 0;
     }
     std::mutex mutex;

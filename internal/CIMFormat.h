@@ -1,7 +1,7 @@
 // printf-style formatting into a caller's stack buffer, with a heap string
-// only for text that does not fit. Header-only and free of the library's
-// other parts, so that the host platform may use it too without linking
-// anything of the library.
+// only for text that does not fit, and decimal numbers written by hand. Header-only and free of the
+// library's other parts, so that the host platform may use it too without linking anything of the
+// library.
 #ifndef CIMCORE_INTERNAL_CIMFORMAT_H
 #define CIMCORE_INTERNAL_CIMFORMAT_H
 
@@ -32,6 +32,33 @@ inline const char* FormatV(char* stack, std::size_t size, std::string& heap, con
     va_end(copy);
     heap.resize(std::size_t(needed));
     return heap.c_str();
+}
+
+// Writes `value` in decimal, at least `width` digits (zero-padded), and
+// returns the end: for log headers and prefixes built by hand.
+inline char* PutDigits(char* out, unsigned long value, int width = 1) {
+    char digits[24];
+    int count = 0;
+    do {
+        digits[count++] = char('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (count < width) {
+        digits[count++] = '0';
+    }
+    while (count > 0) {
+        *out++ = digits[--count];
+    }
+    return out;
+}
+
+// The same for a signed value, as printf's "%ld" writes it.
+inline char* PutLong(char* out, long value) {
+    if (value < 0) {
+        *out++ = '-';
+        return PutDigits(out, 0ul - static_cast<unsigned long>(value));
+    }
+    return PutDigits(out, static_cast<unsigned long>(value));
 }
 
 }  // namespace CIM

@@ -169,30 +169,6 @@ long ThreadId() {
     return tid;
 }
 
-char* PutDigits(char* out, unsigned long value, int width) {
-    char digits[24];
-    int count = 0;
-    do {
-        digits[count++] = char('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    while (count < width) {
-        digits[count++] = '0';
-    }
-    while (count > 0) {
-        *out++ = digits[--count];
-    }
-    return out;
-}
-
-char* PutLong(char* out, long value) {
-    if (value < 0) {
-        *out++ = '-';
-        return PutDigits(out, 0ul - (unsigned long)value, 1);
-    }
-    return PutDigits(out, (unsigned long)value, 1);
-}
-
 // "MM-DD HH:MM:SS" of a second, kept per thread: localtime_r takes a lock
 // inside the C library, and a thread logs many lines in one second.
 const char* LocalSecond(time_t second) {
@@ -202,15 +178,15 @@ const char* LocalSecond(time_t second) {
         struct tm local = {};
         ::localtime_r(&second, &local);
         char* out = text;
-        out = PutDigits(out, (unsigned long)(local.tm_mon + 1), 2);
+        out = CIM::PutDigits(out, (unsigned long)(local.tm_mon + 1), 2);
         *out++ = '-';
-        out = PutDigits(out, (unsigned long)local.tm_mday, 2);
+        out = CIM::PutDigits(out, (unsigned long)local.tm_mday, 2);
         *out++ = ' ';
-        out = PutDigits(out, (unsigned long)local.tm_hour, 2);
+        out = CIM::PutDigits(out, (unsigned long)local.tm_hour, 2);
         *out++ = ':';
-        out = PutDigits(out, (unsigned long)local.tm_min, 2);
+        out = CIM::PutDigits(out, (unsigned long)local.tm_min, 2);
         *out++ = ':';
-        out = PutDigits(out, (unsigned long)local.tm_sec, 2);
+        out = CIM::PutDigits(out, (unsigned long)local.tm_sec, 2);
         *out = '\0';
         cachedSecond = second;
     }
@@ -227,7 +203,7 @@ size_t PutLineHeader(char* out, int prio, const char* tag, size_t tagSize,
     std::memcpy(out, LocalSecond(now.tv_sec), 14);
     out += 14;
     *out++ = '.';
-    out = PutDigits(out, (unsigned long)(now.tv_usec / 1000), 3);
+    out = CIM::PutDigits(out, (unsigned long)(now.tv_usec / 1000), 3);
     *out++ = ' ';
     *out++ = PriorityLetter(prio);
     *out++ = '/';
@@ -243,9 +219,9 @@ size_t PutLineHeader(char* out, int prio, const char* tag, size_t tagSize,
     char ids[48];
     char* end = ids;
     *end++ = '(';
-    end = PutLong(end, ProcessId());
+    end = CIM::PutLong(end, ProcessId());
     *end++ = ':';
-    end = PutLong(end, ThreadId());
+    end = CIM::PutLong(end, ThreadId());
     *end++ = ')';
     *end++ = ':';
     *end++ = ' ';

@@ -40,20 +40,7 @@ size_t PutPrefix(char* out, const char* file, size_t fileSize, const char* funct
     out = Put(out, ": ", 2);
     out = Put(out, function, functionSize);
     *out++ = '(';
-    unsigned int value = unsigned(line);
-    if (line < 0) {
-        *out++ = '-';
-        value = 0u - value;
-    }
-    char digits[10];
-    int count = 0;
-    do {
-        digits[count++] = char('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    while (count > 0) {
-        *out++ = digits[--count];
-    }
+    out = PutLong(out, line);
     out = Put(out, ") > ", 4);
     return size_t(out - begin);
 }
