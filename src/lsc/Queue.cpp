@@ -71,16 +71,18 @@ bool TCQueue::PutSync(TSEvent* event, bool wait, bool priority) {
             }
             return false;
         }
-        TSEvent copy = *event;
-        copy.replySem = wait ? &reply : nullptr;
-        copy.sender = pthread_self();
+        // Copied straight into its slot: the mutex is held for one copy only.
+        TSEvent* slot;
         if (priority) {
             m_head = (m_head + kSlots - 1) % kSlots;
-            m_slots[m_head] = copy;
+            slot = &m_slots[m_head];
         } else {
-            m_slots[m_tail] = copy;
+            slot = &m_slots[m_tail];
             m_tail = NextSlot(m_tail);
         }
+        *slot = *event;
+        slot->replySem = wait ? &reply : nullptr;
+        slot->sender = pthread_self();
         ++m_count;
         // Given before the mutex is let go, as designed: the reader it wakes
         // usually waits once more, for this mutex.
