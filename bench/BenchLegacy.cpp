@@ -20,6 +20,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -38,34 +39,42 @@ namespace {
 // mutex under every semaphore, a semaphore that is a count and a condition
 // signalled under that mutex, a recursive mutex made of such a semaphore, and
 // an event ring of 256 guarded by that mutex with a counting semaphore for
-// the reader. No checks; the only allocation is the reply semaphore of a
-// synchronous put, which the design allocates too.
+// the reader. No checks; the only allocation per event is the block of the
+// reply semaphore of a synchronous put, which the design allocates too.
 namespace design {
 
 pthread_mutex_t gGlobal = PTHREAD_MUTEX_INITIALIZER;
 
+// The condition and the count live in a heap block of their own, as the
+// runtime's semaphore keeps them.
 class Semaphore {
 public:
-    explicit Semaphore(int count) : m_count(count) { ::pthread_cond_init(&m_cond, nullptr); }
-    ~Semaphore() { ::pthread_cond_destroy(&m_cond); }
+    explicit Semaphore(int count) : m_block(new Block) {
+        ::pthread_cond_init(&m_block->cond, nullptr);
+        m_block->count = count;
+    }
+    ~Semaphore() { ::pthread_cond_destroy(&m_block->cond); }
     void Take() {
         ::pthread_mutex_lock(&gGlobal);
-        while (m_count <= 0) {
-            ::pthread_cond_wait(&m_cond, &gGlobal);
+        while (m_block->count <= 0) {
+            ::pthread_cond_wait(&m_block->cond, &gGlobal);
         }
-        --m_count;
+        --m_block->count;
         ::pthread_mutex_unlock(&gGlobal);
     }
     void Give() {
         ::pthread_mutex_lock(&gGlobal);
-        ++m_count;
-        ::pthread_cond_signal(&m_cond);
+        ++m_block->count;
+        ::pthread_cond_signal(&m_block->cond);
         ::pthread_mutex_unlock(&gGlobal);
     }
 
 private:
-    pthread_cond_t m_cond;
-    int m_count;
+    struct Block {
+        pthread_cond_t cond;
+        int32_t count;
+    };
+    std::unique_ptr<Block> m_block;
 };
 
 class Mutex {
@@ -81,6 +90,9 @@ public:
         m_depth = 1;
     }
     void Unlock() {
+        if (!::pthread_equal(m_owner.load(std::memory_order_relaxed), ::pthread_self())) {
+            return;
+        }
         if (--m_depth == 0) {
             m_owner.store(pthread_t(), std::memory_order_relaxed);
             m_semaphore.Give();
@@ -93,22 +105,45 @@ private:
     int m_depth = 0;
 };
 
+class Handler;
+
+// As many words, each as wide, as the runtime's event record, so that a
+// slot costs what a TSEvent slot costs on this machine.
 struct Event {
     Semaphore* reply = nullptr;
-    uint32_t words[10] = {};
+    Handler* receiver = nullptr;
+    pthread_t sender = pthread_t();
+    uintptr_t words[8] = {};
+};
+static_assert(sizeof(Event) == sizeof(TSEvent), "a slot as large as the runtime's");
+
+class Queue;
+
+// The receiver of an event: a sender looks up its queue there, and the
+// reader dispatches to it only while it is marked created.
+class Handler {
+public:
+    virtual ~Handler() = default;
+    virtual void OnEvent(const Event& event) = 0;
+    std::atomic<uint32_t> created{19670827};
+    Queue* queue = nullptr;
 };
 
 class Queue {
 public:
     bool Put(const Event& event, bool wait) {
-        std::unique_ptr<Semaphore> reply(wait ? new Semaphore(0) : nullptr);
+        std::optional<Semaphore> reply;
+        if (wait) {
+            reply.emplace(0);
+        }
         m_mutex.Lock();
         if (m_count + 16 > 255) {
             m_mutex.Unlock();
             return false;
         }
         m_slots[m_tail] = event;
-        m_slots[m_tail].reply = reply.get();
+        m_slots[m_tail].reply = reply ? &*reply : nullptr;
+        m_slots[m_tail].sender = ::pthread_self();
         m_tail = (m_tail + 1) % 256;
         ++m_count;
         m_items.Give();
@@ -133,6 +168,17 @@ public:
         m_mutex.Unlock();
     }
 
+    // What a task's loop does with an event: dispatch to a created
+    // receiver, then release a synchronous sender.
+    static void Execute(const Event& event) {
+        if (event.receiver != nullptr && event.receiver->created.load() == 19670827) {
+            event.receiver->OnEvent(event);
+        }
+        if (event.reply != nullptr) {
+            event.reply->Give();
+        }
+    }
+
 private:
     Mutex m_mutex;
     Semaphore m_items{0};
@@ -140,6 +186,26 @@ private:
     int m_head = 0;
     int m_tail = 0;
     int m_count = 0;
+};
+
+// A send looks up the receiver's queue through the receiver.
+bool Send(Event& event, bool wait) {
+    Queue* queue = event.receiver->queue;
+    return queue != nullptr && queue->Put(event, wait);
+}
+
+// Counts its events and signals when the last has come.
+class CountingHandler : public Handler {
+public:
+    std::atomic<long> target{0};
+    long count = 0;
+    Latch* done = nullptr;
+
+    void OnEvent(const Event&) override {
+        if (++count == target.load(std::memory_order_relaxed) && done != nullptr) {
+            done->Set();
+        }
+    }
 };
 
 // The table of synchronous sends: the fields the sender must fill, under a
@@ -305,23 +371,27 @@ double DesignAsync(Run& run, int producers, Placement placement) {
     }
     design::Queue queue;
     Latch done;
+    design::CountingHandler handler;
+    handler.queue = &queue;
+    handler.target = run.Iterations();
+    handler.done = &done;
     const long n = run.Iterations();
     pinning.Consumer();
     std::thread consumer([&] {
         design::Event event;
-        for (long i = 0; i < n + 1; ++i) {
+        for (;;) {
             queue.Get(&event);
             if (event.words[0] == 1) {
                 return;
             }
-            if (i + 1 == n) {
-                done.Set();
-            }
+            design::Queue::Execute(event);
         }
     });
     const double seconds = Produce(n, producers, pinning, done, run, [&] {
         design::Event event;
-        while (!queue.Put(event, false)) {
+        event.receiver = &handler;
+        event.words[0] = 10;
+        while (!design::Send(event, false)) {
             sched_yield();
         }
     });
@@ -573,6 +643,8 @@ double DesignSync(Run& run, Placement placement, bool table) {
     }
     design::Queue queue;
     design::SyncTable syncTable;
+    design::CountingHandler handler;
+    handler.queue = &queue;
     pinning.Consumer();
     std::thread receiver([&] {
         ::prctl(PR_SET_NAME, "bench-design");
@@ -580,9 +652,7 @@ double DesignSync(Run& run, Placement placement, bool table) {
         for (;;) {
             queue.Get(&event);
             const bool stop = event.words[0] == 1;
-            if (event.reply != nullptr) {
-                event.reply->Give();
-            }
+            design::Queue::Execute(event);
             if (stop) {
                 return;
             }
@@ -591,11 +661,13 @@ double DesignSync(Run& run, Placement placement, bool table) {
     pinning.Producers();
     const unsigned long receiverId = (unsigned long)receiver.native_handle();
     design::Event event;
+    event.receiver = &handler;
+    event.words[0] = 10;
     const long n = run.Iterations();
     const auto start = std::chrono::steady_clock::now();
     for (long i = 0; i < n; ++i) {
         const int index = table ? syncTable.Add(receiverId, "bench-design") : -1;
-        queue.Put(event, true);
+        design::Send(event, true);
         if (index >= 0) {
             syncTable.Remove(index);
         }

@@ -55,42 +55,51 @@ bool TCQueue::PutSync(TSEvent* event, bool wait, bool priority) {
     if (!CIM_LSC_CHECK(FlagCreate() == true) || !CIM_LSC_CHECK(event != NULL)) {
         return false;
     }
-    TCSemaphore reply;
-    if (wait && !reply.Create(0)) {
-        return false;
-    }
-    {
+    // Stores the event with `reply` (null: nobody waits); false when the
+    // capacity rule refuses it, after destroying `reply`.
+    auto store = [this, event, priority](TCSemaphore* reply) {
         TCMutexGuard guard(*this);
         // Ordinary puts keep the last kPriorityReserve slots free for priority
         // ones: refused from 240 queued on, priority only at 256.
         const bool refused =
             priority ? m_count > kSlots - 1 : m_count + kPriorityReserve > kSlots - 1;
         if (refused) {
-            if (wait) {
-                reply.Destroy();
+            if (reply != nullptr) {
+                reply->Destroy();
             }
             return false;
         }
-        TSEvent copy = *event;
-        copy.replySem = wait ? &reply : nullptr;
-        copy.sender = pthread_self();
+        // Copied straight into its slot: the mutex is held for one copy only.
+        TSEvent* slot;
         if (priority) {
             m_head = (m_head + kSlots - 1) % kSlots;
-            m_slots[m_head] = copy;
+            slot = &m_slots[m_head];
         } else {
-            m_slots[m_tail] = copy;
+            slot = &m_slots[m_tail];
             m_tail = NextSlot(m_tail);
         }
+        *slot = *event;
+        slot->replySem = reply;
+        slot->sender = pthread_self();
         ++m_count;
         // Given before the mutex is let go, as designed: the reader it wakes
         // usually waits once more, for this mutex.
         m_items.Give();
+        return true;
+    };
+    if (!wait) {
+        return store(nullptr);  // no reply semaphore to make or destroy
     }
-    if (wait) {
-        // Given by the executor, or by Delete if the event is removed.
-        reply.Take();
-        reply.Destroy();
+    TCSemaphore reply;
+    if (!reply.Create(0)) {
+        return false;
     }
+    if (!store(&reply)) {
+        return false;
+    }
+    // Given by the executor, or by Delete if the event is removed.
+    reply.Take();
+    reply.Destroy();
     return true;
 }
 
