@@ -172,16 +172,17 @@ TEST_F(LscTest, SnapshotListsTasksAndBlockedSendsAndReleasesTheLocks) {
         prctl(PR_SET_NAME, "snap-sender", 0, 0, 0);
         EXPECT_TRUE(SendTo(&task, 52, true));
     });
-    ASSERT_TRUE(WaitUntil([] { return SyncEntries() == 1; }));
-
-    const CIM::TSLegacySnapshot snapshot = CIM::TakeLegacySnapshot();
+    // The sender is in the table before its event is queued: wait for both.
+    CIM::TSLegacySnapshot snapshot;
+    ASSERT_TRUE(WaitUntil([&] {
+        snapshot = CIM::TakeLegacySnapshot();
+        return snapshot.waits.size() == 1 && snapshot.tasks.size() == 1 &&
+               snapshot.tasks[0].queued == 3;
+    }));
     EXPECT_TRUE(snapshot.tableCreated);
-    ASSERT_EQ(snapshot.tasks.size(), 1u);
     EXPECT_EQ(snapshot.tasks[0].name, "snap-task");
     EXPECT_EQ(snapshot.tasks[0].tid, task.Tid());
-    EXPECT_EQ(snapshot.tasks[0].queued, 3u);
     EXPECT_TRUE(snapshot.tasks[0].running);
-    ASSERT_EQ(snapshot.waits.size(), 1u);
     EXPECT_EQ(snapshot.waits[0].callerName, "snap-sender");
     EXPECT_EQ(snapshot.waits[0].receiverName, "snap-task");
     EXPECT_EQ(snapshot.waits[0].receiverId, static_cast<unsigned long>(task.Id()));
