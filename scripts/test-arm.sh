@@ -87,7 +87,11 @@ echo "=== armhf ==="
 cmake --preset armhf >/dev/null
 cmake --build --preset armhf -j "$jobs"
 library=$(ls build/armhf/libcimcore.so.*.*.* | head -n 1)
-file -L "$library" | tee /dev/stderr | grep -q "ELF 32-bit LSB shared object, ARM" ||
+# Printed from a variable: `tee /dev/stderr` would reopen, and so truncate, a
+# log file that standard error is redirected to.
+kind=$(file -L "$library")
+echo "$kind"
+grep -q "ELF 32-bit LSB shared object, ARM" <<<"$kind" ||
   die "$library is not a 32-bit ARM library"
 built=$(date +%s)
 # One test at a time, like the native builds; the preset stretches the
