@@ -11,6 +11,7 @@
 #include "HostTags.h"
 
 #include <cimcore/internal/CIMFormat.h>
+#include <cimcore/internal/CIMThreadId.h>
 
 #include <algorithm>
 #include <atomic>
@@ -26,7 +27,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -138,18 +138,16 @@ LogFile& TheLogFile() {
     return *file;
 }
 
-// The process and thread ids cost a system call each; they are kept, and
-// forgotten in the child of a fork, where both change.
-std::atomic<unsigned> gForkGeneration(1);
+// The process id costs a system call; it is kept, and forgotten in the child
+// of a fork, where it changes. The thread id is cached the same way.
 std::atomic<long> gPid(0);
 
-void ForgetIdsAfterFork() {
+void ForgetPidAfterFork() {
     gPid.store(0);
-    gForkGeneration.fetch_add(1);
 }
 
 long ProcessId() {
-    static const int registered = ::pthread_atfork(nullptr, nullptr, ForgetIdsAfterFork);
+    static const int registered = ::pthread_atfork(nullptr, nullptr, ForgetPidAfterFork);
     (void)registered;
     long pid = gPid.load();
     if (pid == 0) {
@@ -157,16 +155,6 @@ long ProcessId() {
         gPid.store(pid);
     }
     return pid;
-}
-
-long ThreadId() {
-    thread_local unsigned generation = 0;
-    thread_local long tid = 0;
-    if (generation != gForkGeneration.load()) {
-        tid = long(::syscall(SYS_gettid));
-        generation = gForkGeneration.load();
-    }
-    return tid;
 }
 
 // "MM-DD HH:MM:SS" of a second, kept per thread: localtime_r takes a lock
@@ -221,7 +209,7 @@ size_t PutLineHeader(char* out, int prio, const char* tag, size_t tagSize,
     *end++ = '(';
     end = CIM::PutLong(end, ProcessId());
     *end++ = ':';
-    end = CIM::PutLong(end, ThreadId());
+    end = CIM::PutLong(end, CIM::CurrentKernelThreadId());
     *end++ = ')';
     *end++ = ':';
     *end++ = ' ';

@@ -2,6 +2,7 @@
 
 #include <cimcore/CIMTime.h>
 #include <cimcore/internal/CIMLog.h>
+#include <cimcore/internal/CIMThreadId.h>
 #include <cimcore/testing.h>
 
 #include <cstdarg>
@@ -13,7 +14,6 @@
 #include <execinfo.h>
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace CIM {
@@ -65,7 +65,7 @@ const char* ConsolePath() {
 }
 
 void WriteConsoleReport(const char* expression, const char* file, unsigned long line) {
-    const long tid = static_cast<long>(::syscall(SYS_gettid));
+    const long tid = CIM::CurrentKernelThreadId();
     char name[16] = {};
     ::prctl(PR_GET_NAME, name, 0, 0, 0);
 

@@ -1,11 +1,11 @@
 #include <cimcore/internal/lsc/Sync.h>
 
-#include "KernelThreadId.h"
 #include "LscCheck.h"
 #include "MutexGuard.h"
 
 #include <cimcore/CIMTime.h>
 #include <cimcore/internal/CIMLog.h>
+#include <cimcore/internal/CIMThreadId.h>
 #include <cimcore/internal/lsc/Task.h>
 
 #include <cstring>
@@ -104,7 +104,7 @@ int TCSyncDet::PCTaskSyncMonitoring(int /*callerId*/, TSEvent* event) {
     // The int argument cannot hold a whole pthread_t on a 64-bit host, so
     // the caller's id is read here, on the caller's own thread.
     info.ulCallerId = static_cast<unsigned long>(pthread_self());
-    info.iCallerTid = static_cast<int32_t>(CurrentKernelThreadId());
+    info.iCallerTid = static_cast<int32_t>(CIM::CurrentKernelThreadId());
     CopyName(info.szCallerName, sizeof info.szCallerName, name);
 
     TCTask* task =

@@ -1,11 +1,11 @@
 #include <cimcore/internal/lsc/Thread.h>
 
-#include "KernelThreadId.h"
 #include "LscCheck.h"
 
 #include <cimcore/CIMDebug.h>
 #include <cimcore/CIMTime.h>
 #include <cimcore/internal/CIMLog.h>
+#include <cimcore/internal/CIMThreadId.h>
 
 #include <cstdio>
 #include <cstring>
@@ -14,7 +14,6 @@
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -42,17 +41,6 @@ std::vector<void*>& AbandonedBlocks() {  // guarded by TimeMutex
     return *blocks;
 }
 
-// 0 until the thread has asked; no thread has the id 0.
-thread_local int tCachedTid = 0;
-
-void ForgetCachedTid() {
-    tCachedTid = 0;
-}
-
-int KernelThreadId() {
-    return static_cast<int>(::syscall(SYS_gettid));
-}
-
 bool NiceValueFor(int priority, int* nice) {
     switch (priority) {
         case 0:
@@ -70,16 +58,6 @@ bool NiceValueFor(int priority, int* nice) {
 }
 
 }  // namespace
-
-int CurrentKernelThreadId() {
-    // Registered once, before the first id is cached.
-    static const int registered = pthread_atfork(nullptr, nullptr, &ForgetCachedTid);
-    static_cast<void>(registered);
-    if (tCachedTid == 0) {
-        tCachedTid = KernelThreadId();
-    }
-    return tCachedTid;
-}
 
 // ---- TCSemaphore -------------------------------------------------------------
 
@@ -394,7 +372,7 @@ bool TCThread::SetPriority(int priority) {
 void* TCThread::_Process(void* object) {
     TCThread* thread = static_cast<TCThread*>(object);
     thread->m_startSync.Take();
-    thread->m_tid.store(CurrentKernelThreadId());
+    thread->m_tid.store(CIM::CurrentKernelThreadId());
     thread->m_pidSync.Give();
     if (thread->m_name[0] != '\0') {
         prctl(PR_SET_NAME, thread->m_name, 0, 0, 0);
@@ -413,7 +391,7 @@ bool TCThreadSelf::SetPriority(int priority) {
     if (!NiceValueFor(priority, &nice)) {
         return false;
     }
-    return setpriority(PRIO_PROCESS, static_cast<id_t>(CurrentKernelThreadId()), nice) == 0;
+    return setpriority(PRIO_PROCESS, static_cast<id_t>(CIM::CurrentKernelThreadId()), nice) == 0;
 }
 
 pthread_t TCThreadSelf::Id() {
