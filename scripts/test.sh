@@ -37,7 +37,7 @@ cmake --install build/debug --prefix "$prefix" >/dev/null
 # The API only: no private helper, no platform stand-in header.
 private=$(find "$prefix/include" \( -name CIMLog.h -o -name dlog.h -o -name app_control.h \
           -o -name debug_menu.h -o -name cim_api.h -o -name CIMFormat.h \
-          -o -name CIMIpConnectionImpl.h \) -print)
+          -o -name CIMIpConnectionImpl.h -o -name CIMThreadId.h \) -print)
 if [ -n "$private" ]; then
   echo "private headers installed: $private" >&2
   exit 1
