@@ -312,24 +312,31 @@ protected:
 
 class PlainTask : public TCTask {};
 
-// A created task with one handler; sends the exit event and destroys both.
+// The legacy core of one row, with a task and one handler. The end sends the
+// exit event, destroys both, then the core.
 struct LegacyTask {
     PlainTask task;
     CountingHandler handler;
+    bool started = false;
 
-    bool Start(const char* name) {
-        if (!task.Create(name, 0, 0, 0)) {
-            return false;
+    LegacyTask() { LegacyCoreExport::Init(); }
+    ~LegacyTask() {
+        if (started) {
+            handler.TCHandler::Destroy();
+            TSEvent exit;
+            exit.receiver = &task;
+            exit.type = 0;
+            TCTask::Send(&exit, false, false);
+            task.Destroy();
         }
-        return handler.Create(&task);
+        LegacyCoreExport::Destroy();
     }
-    void Stop() {
-        handler.TCHandler::Destroy();
-        TSEvent exit;
-        exit.receiver = &task;
-        exit.type = 0;
-        TCTask::Send(&exit, false, false);
-        task.Destroy();
+    bool Start(const char* name, Run& run) {
+        started = task.Create(name, 0, 0, 0) && handler.Create(&task);
+        if (!started) {
+            run.Fail("TCTask::Create failed");
+        }
+        return started;
     }
 };
 
@@ -340,15 +347,12 @@ double LegacyAsync(Run& run, int producers, Placement placement) {
     if (!pinning.Usable(run)) {
         return 0;
     }
-    LegacyCoreExport::Init();
     Latch done;
     LegacyTask legacy;
     legacy.handler.target = run.Iterations();
     legacy.handler.done = &done;
     pinning.Consumer();
-    if (!legacy.Start("bench-async")) {
-        run.Fail("TCTask::Create failed");
-        LegacyCoreExport::Destroy();
+    if (!legacy.Start("bench-async", run)) {
         return 0;
     }
     const double seconds = Produce(run.Iterations(), producers, pinning, done, run, [&] {
@@ -359,8 +363,6 @@ double LegacyAsync(Run& run, int producers, Placement placement) {
             sched_yield();  // the queue is full: let the task drain it
         }
     });
-    legacy.Stop();
-    LegacyCoreExport::Destroy();
     return seconds;
 }
 
@@ -602,15 +604,12 @@ double LegacySync(Run& run, Placement placement, bool table, unsigned long watch
     if (!pinning.Usable(run)) {
         return 0;
     }
-    LegacyCoreExport::Init();
+    LegacyTask legacy;
     if (!table) {
         TCSyncDet::Destroy();
     }
-    LegacyTask legacy;
     pinning.Consumer();
-    if (!legacy.Start("bench-sync")) {
-        run.Fail("TCTask::Create failed");
-        LegacyCoreExport::Destroy();
+    if (!legacy.Start("bench-sync", run)) {
         return 0;
     }
     pinning.Producers();
@@ -630,9 +629,7 @@ double LegacySync(Run& run, Placement placement, bool table, unsigned long watch
     if (legacy.handler.count != n) {
         run.Fail("not every synchronous send was executed");
     }
-    watchdog.Stop();
-    legacy.Stop();
-    LegacyCoreExport::Destroy();
+    watchdog.Stop();  // before the core goes
     return seconds;
 }
 

@@ -31,20 +31,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr long kPosts = 200000;
 
-double TaskPost(Run& run, Placement placement) {
-    Pinning pinning(placement);
-    if (!pinning.Usable(run)) {
-        return 0;
-    }
-    pinning.Consumer();
-    CIM::TCCIMTask task("bench-post");
-    pinning.Producers();
+// Posts the run's count of handlers that count themselves; the time until the
+// last has run.
+template <class Executor>
+double TimePosts(Run& run, Executor executor) {
     Latch done;
     const long n = run.Iterations();
     long count = 0;
     const auto start = Clock::now();
     for (long i = 0; i < n; ++i) {
-        boost::asio::post(task.GetStrand(), [&] {
+        boost::asio::post(executor, [&] {
             if (++count == n) {
                 done.Set();
             }
@@ -53,7 +49,18 @@ double TaskPost(Run& run, Placement placement) {
     if (!done.Wait()) {
         run.Fail("not every handler ran");
     }
-    const double seconds = SecondsSince(start);
+    return SecondsSince(start);
+}
+
+double TaskPost(Run& run, Placement placement) {
+    Pinning pinning(placement);
+    if (!pinning.Usable(run)) {
+        return 0;
+    }
+    pinning.Consumer();
+    CIM::TCCIMTask task("bench-post");
+    pinning.Producers();
+    const double seconds = TimePosts(run, task.GetStrand());
     task.Join();
     return seconds;
 }
@@ -69,21 +76,7 @@ double AsioStrandPost(Run& run, Placement placement) {
     pinning.Consumer();
     std::thread worker([&] { context.run(); });
     pinning.Producers();
-    Latch done;
-    const long n = run.Iterations();
-    long count = 0;
-    const auto start = Clock::now();
-    for (long i = 0; i < n; ++i) {
-        boost::asio::post(strand, [&] {
-            if (++count == n) {
-                done.Set();
-            }
-        });
-    }
-    if (!done.Wait()) {
-        run.Fail("not every handler ran");
-    }
-    const double seconds = SecondsSince(start);
+    const double seconds = TimePosts(run, strand);
     guard.reset();
     worker.join();
     return seconds;
