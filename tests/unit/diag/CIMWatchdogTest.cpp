@@ -81,13 +81,10 @@ class Ring {
 public:
     Ring(int size, bool token) : m_tasks(size), m_allStarted(unsigned(size)), m_token(token) {
         for (int i = 0; i < size; ++i) {
-            m_handlers.emplace_back(new Member(*this));
-        }
-        for (int i = 0; i < size; ++i) {
             const std::string name = "ring" + std::to_string(size) + "-" + std::to_string(i);
             EXPECT_TRUE(m_tasks[i].Create(name.c_str(), 0, 0, 0));
+            m_handlers.emplace_back(new Member(*this, (i + 1) % size));
             EXPECT_TRUE(m_handlers[i]->Create(&m_tasks[i]));
-            m_handlers[i]->next = m_handlers[(i + 1) % size].get();
         }
     }
     void Close() {
@@ -123,13 +120,13 @@ public:
 
 private:
     struct Member : TCHandler {
-        explicit Member(Ring& ring) : ring(ring) {}
+        Member(Ring& ring, int next) : ring(ring), next(size_t(next)) {}
         bool t_OnEvent(const TSEvent* event) override {
             if (event->type == kStart && !ring.m_stop) {
                 if (!ring.m_token) {
                     ring.m_allStarted.wait();
                 }
-                SendTo(next, kCall, true);
+                SendTo(ring.m_handlers[next].get(), kCall, true);
                 ++ring.sends;
             } else if (event->type == kCall && ring.m_token) {
                 SendTo(this, kStart, false);  // answer now, pass the token on later
@@ -137,7 +134,7 @@ private:
             return true;
         }
         Ring& ring;
-        Member* next = nullptr;
+        const size_t next;  // index of the member it calls
     };
 
     std::vector<HeldTask> m_tasks;
