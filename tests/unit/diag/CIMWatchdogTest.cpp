@@ -62,13 +62,7 @@ public:
         const unsigned long target = dog.ScanCount() + scans;
         ASSERT_TRUE(WaitUntil([&] { return dog.ScanCount() >= target; }));
     }
-    std::string Text() const {
-        std::string all;
-        for (const auto& report : All()) {
-            all += std::to_string(static_cast<int>(report.first)) + " " + report.second + "\n";
-        }
-        return all;
-    }
+    std::string Text() const { return ::testing::PrintToString(All()); }
 
     CIM::TCCIMWatchdog dog;  // last: stopped before the reports go
 };
