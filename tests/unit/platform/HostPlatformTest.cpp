@@ -199,21 +199,21 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + log.Path() + ".d/missing");
     EXPECT_LT(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "nowhere"), 0);
 
-    // Tag and destination (two files and "none") switched while two threads
-    // log, one through the helper and one straight: no race, only whole lines.
+    // Tag and destination (two files and "none") switched while threads log,
+    // through the helper and straight: no race, and only whole lines.
     log.Clear();
     const std::string second = log.Path() + ".2";
     std::atomic<bool> stop(false);
     std::atomic<long> logged(0);
     std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
+    for (int t = 0; t < 3; ++t) {
         threads.emplace_back([t, &stop, &logged] {
             for (int i = 0; !stop; ++i, ++logged) {
-                if (t == 0) {
-                    CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
+                if (t == 1) {
+                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "CI_CORE", "Gate.cpp: Gate(2) > %d:%d:end",
+                                 t, i);
                 } else {
-                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "CI_CORE", "Gate.cpp: Gate(2) > 1:%d:end",
-                                 i);
+                    CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
                 }
             }
         });
@@ -242,7 +242,7 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(second))) {
         messages.push_back(cimtest::MessageOf(line));
     }
-    EXPECT_GT(messages.size(), 2u);
+    EXPECT_FALSE(messages.empty());
     const std::regex whole(R"(^Gate\.cpp: Gate\(2\) > \d:\d+:end$)");
     for (const std::string& message : messages) {
         ASSERT_TRUE(std::regex_match(message, whole)) << message;
