@@ -160,7 +160,7 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
         __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "CI_CORE", "raw %d", next++);
     };
     lineIf(true);
-    const cimtest::ScopedEnv ignored("CIM_LOG_OUTPUT", "none");  // read once, long ago
+    const cimtest::ScopedEnv ignored("CIM_LOG_OUTPUT", "none");  // read once, at the first line
     lineIf(true);
     ASSERT_EQ(stopdlogtagbydefault("T_OTHER"), 0);  // another tag changes nothing here
     lineIf(true);
