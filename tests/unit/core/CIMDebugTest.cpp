@@ -35,12 +35,10 @@ size_t CheckReportLog(const cimtest::LogCapture& log) {
     for (const std::string& line : log.Lines()) {
         EXPECT_THAT(line, HasSubstr(" E/CI_CORE("));
     }
-    size_t stackLines = 0;
     for (size_t i = 2; i < messages.size(); ++i) {
         EXPECT_THAT(messages[i], StartsWith("CIMDebug.cpp: _TCCIMAssert(47) > "));
-        ++stackLines;
     }
-    return stackLines;
+    return messages.size() - 2;
 }
 
 // The child must share the parent's log and console files, which the
