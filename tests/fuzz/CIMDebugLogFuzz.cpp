@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <list>
+#include <map>
 #include <set>
 #include <string>
 
@@ -43,16 +44,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CIM_FUZZ_CHECK(debugLog.m_LoadFromString(text));
     const std::list<std::string> tokens = debugLog.m_Split(text, ' ');
     const std::set<std::string> named(tokens.begin(), tokens.end());
-    const auto levels = debugLog.GetLevels();
-    const std::list<std::string> supported = CIM::GetSupportedCILogTags();
-    CIM_FUZZ_CHECK(levels.size() == supported.size());
-    for (const std::string& tag : supported) {
-        const auto found = levels.find(tag);
-        CIM_FUZZ_CHECK(found != levels.end() &&
-                       found->second == (named.count(tag) != 0 ? CIM::ECIMLogLevel::LOG_LVL_ON
-                                                               : CIM::ECIMLogLevel::LOG_LVL_OFF));
+    std::map<std::string, CIM::ECIMLogLevel> expected;
+    for (const std::string& tag : CIM::GetSupportedCILogTags()) {
+        expected[tag] =
+            named.count(tag) != 0 ? CIM::ECIMLogLevel::LOG_LVL_ON : CIM::ECIMLogLevel::LOG_LVL_OFF;
     }
-    const std::string saved = debugLog.m_ToString();
-    CIM_FUZZ_CHECK(debugLog.m_LoadFromString(saved) && debugLog.GetLevels() == levels);
+    CIM_FUZZ_CHECK(debugLog.GetLevels() == expected);
+    CIM_FUZZ_CHECK(debugLog.m_LoadFromString(debugLog.m_ToString()));
+    CIM_FUZZ_CHECK(debugLog.GetLevels() == expected);
     return 0;
 }

@@ -47,17 +47,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)cimhost::SplitExecCommand(text);
 
     // The same bytes as arguments: split at NUL bytes, which a value never holds.
-    std::vector<std::string> arguments;
-    std::string current;
+    std::vector<std::string> arguments(1);
     for (const char c : text) {
         if (c == '\0') {
-            arguments.push_back(current);
-            current.clear();
+            arguments.emplace_back();
         } else {
-            current += c;
+            arguments.back() += c;
         }
     }
-    arguments.push_back(current);
     std::string command;
     for (const std::string& argument : arguments) {
         command += (command.empty() ? "" : " ") + Quote(argument);

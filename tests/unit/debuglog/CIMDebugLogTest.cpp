@@ -50,21 +50,6 @@ protected:
     const std::list<std::string> m_supported = CIM::GetSupportedCILogTags();
 };
 
-TEST_F(DebugLogTest, ConstructionFollowsTheFileAndNeverWritesIt) {
-    const std::list<std::string> tags = {"CI_CORE", "X_EXTRA"};
-    EXPECT_EQ(TCCIMDebugLog(m_path, tags).GetLevels(),
-              (std::map<std::string, ECIMLogLevel>{{"CI_CORE", kOff}, {"X_EXTRA", kOff}}));
-    EXPECT_FALSE(cimtest::Exists(m_path));
-
-    cimtest::WriteFile(m_path, "CI_API CI_CORE");
-    std::map<std::string, ECIMLogLevel> expected = {{"X_EXTRA", kOff}};
-    for (const std::string& tag : m_supported) {
-        expected[tag] = tag == "CI_API" || tag == "CI_CORE" ? kOn : kOff;
-    }
-    EXPECT_EQ(TCCIMDebugLog(m_path, tags).GetLevels(), expected);
-    EXPECT_EQ(File(), "CI_API CI_CORE");
-}
-
 TEST_F(DebugLogTest, FileIsReadAsExactNamesBetweenSingleBlanks) {
     struct Case {
         std::string content;
@@ -79,8 +64,12 @@ TEST_F(DebugLogTest, FileIsReadAsExactNamesBetweenSingleBlanks) {
     for (const Case& c : cases) {
         SCOPED_TRACE('"' + c.content + '"');
         cimtest::WriteFile(m_path, c.content);
-        const TCCIMDebugLog debugLog(m_path, {});
+        // The constructor's tags join the supported ones, off unless named;
+        // loading never writes the file.
+        const TCCIMDebugLog debugLog(m_path, {"CI_CORE", "X_EXTRA"});
         EXPECT_EQ(debugLog.m_ToString(), c.on);
+        EXPECT_EQ(debugLog.GetLevels().size(), m_supported.size() + 1);
+        EXPECT_EQ(File(), c.content);
         EXPECT_EQ(debugLog.m_Split(c.content, ' ').size(), c.pieces);
     }
 
@@ -118,28 +107,30 @@ TEST_F(DebugLogTest, RequestsThatChangeNothingCallAndSaveNothing) {
     EXPECT_EQ(m_log.Count("dlog tag") + m_log.Count("saved"), 0u);
 }
 
-// A path that opens but cannot be read (a folder, a read error, a FIFO) is
-// as good as a missing file, and neither loading nor saving ever waits.
+// A path that is missing or opens but cannot be read (a folder, a read
+// error, a FIFO) gives the constructor's tags, all off, and writes nothing;
+// neither loading nor saving ever waits.
 TEST_F(DebugLogTest, UnreadablePathsGiveTheConstructorsTagsAndNothingWaits) {
-    const std::list<std::string> tags = {"CI_CORE", "X_EXTRA"};
-    const std::map<std::string, ECIMLogLevel> constructorTags = {{"CI_CORE", kOff},
-                                                                 {"X_EXTRA", kOff}};
+    const std::string missing = m_dir.File("missing.txt");
     const std::string fifo = m_dir.File("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     const std::string readError = m_dir.File("eio");  // reading it at 0 fails with EIO
     ASSERT_EQ(::symlink("/proc/self/mem", readError.c_str()), 0);
-    for (const std::string& path : {m_dir.Path(), readError, fifo}) {
+    for (const std::string& path : {missing, m_dir.Path(), readError, fifo}) {
         SCOPED_TRACE(path);
-        auto loaded = std::async(std::launch::async,
-                                 [&path, &tags] { return TCCIMDebugLog(path, tags).GetLevels(); });
+        auto loaded = std::async(std::launch::async, [&path] {
+            return TCCIMDebugLog(path, {"CI_CORE", "X_EXTRA"}).GetLevels();
+        });
         const bool inTime =
             loaded.wait_for(cimtest::Scaled(std::chrono::seconds(2))) == std::future_status::ready;
         EXPECT_TRUE(inTime) << "the constructor waits";
         if (!inTime) {
             ::close(::open(fifo.c_str(), O_WRONLY | O_NONBLOCK));  // lets it go
         }
-        EXPECT_EQ(loaded.get(), constructorTags);
+        EXPECT_EQ(loaded.get(),
+                  (std::map<std::string, ECIMLogLevel>{{"CI_CORE", kOff}, {"X_EXTRA", kOff}}));
     }
+    EXPECT_FALSE(cimtest::Exists(missing));
 
     TCCIMDebugLog debugLog(m_path, m_supported);
     ASSERT_EQ(::mkfifo(m_path.c_str(), 0600), 0);  // put there after the load

@@ -14,9 +14,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <sstream>
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -38,104 +37,216 @@ std::string Ids(long pid, long tid) {
     return "(" + std::to_string(pid) + ":" + std::to_string(tid) + "): ";
 }
 
-TEST(HostLog, WritesOneFormattedLinePerCallWithPriorityLetterAndIds) {
-    cimtest::LogCapture log;
-    const int priorities[] = {DLOG_VERBOSE, DLOG_DEBUG, DLOG_INFO, DLOG_WARN,
-                              DLOG_ERROR,   DLOG_FATAL, 0,         42};
-    for (int priority : priorities) {
-        EXPECT_GT(__dlog_print(LOG_ID_MAIN, priority, "T_TAG", "value %d", priority), 0);
-    }
-    // One trailing line feed is dropped.
-    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "ends with line feed\n");
+// "MM-DD HH:MM:SS.mmm" of a moment, written independently of the log.
+std::string Stamp(const struct timeval& moment) {
+    struct tm local;
+    ::localtime_r(&moment.tv_sec, &local);
+    char text[32];
+    const size_t size = std::strftime(text, sizeof text, "%m-%d %H:%M:%S", &local);
+    std::snprintf(text + size, sizeof text - size, ".%03ld", long(moment.tv_usec / 1000));
+    return text;
+}
 
-    const std::vector<std::string> lines = log.Lines();
-    ASSERT_EQ(lines.size(), 9u);
-    const std::string letters = "VDIWEF??";
+// Runs `body` with the log on standard error and standard error on `fd`.
+void OnStandardError(int fd, const std::function<void()>& body) {
+    cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
+    const int savedStderr = ::dup(STDERR_FILENO);
+    ASSERT_GE(savedStderr, 0);
+    ::dup2(fd, STDERR_FILENO);
+    body();
+    ::dup2(savedStderr, STDERR_FILENO);
+    ::close(savedStderr);
+}
+
+// Every byte of the lines, to a file and to standard error: the helper's
+// short and long messages (across every buffer size inside), %-signs in
+// arguments, negative line numbers, a dropped trailing line feed; the
+// platform's own lines at every priority, and a forked child's with its ids.
+TEST(LogHelper, LinesKeepTheirExactBytesInAFileAndOnStandardError) {
+    const std::string longFile(800, 'f');
+    std::vector<std::string> expected;  // after the stamp, with the line end
     const std::string ids = Ids(::getpid(), ::gettid());
-    for (size_t i = 0; i < lines.size(); ++i) {
-        ASSERT_TRUE(std::regex_search(lines[i], kStamp)) << lines[i];
-        const std::string message =
-            i < 8 ? "value " + std::to_string(priorities[i]) : "ends with line feed";
-        EXPECT_EQ(lines[i].substr(kStampLength),
-                  std::string(1, i < 8 ? letters[i] : 'I') + "/T_TAG" + ids + message);
+    struct timeval before, after;
+    auto logAll = [&] {
+        expected.clear();
+        ::gettimeofday(&before, nullptr);
+        CIM::Log::Info("Some.cpp", "Func", 12, "value %d", 7);
+        expected.push_back("I/CI_CORE" + ids + "Some.cpp: Func(12) > value 7\n");
+        CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
+        expected.push_back("E/CI_CORE" + ids + "Other.cpp: ~Other(3) > \n");
+        CIM::Log::Info("Pct.cpp", "Pct", -37, "100%% of [%s]", "%s%d%n%%");
+        expected.push_back("I/CI_CORE" + ids + "Pct.cpp: Pct(-37) > 100% of [%s%d%n%%]\n");
+        CIM::Log::Error("Feed.cpp", "Feed", 0, "ends with line feed\n");
+        expected.push_back("E/CI_CORE" + ids + "Feed.cpp: Feed(0) > ends with line feed\n");
+        for (size_t size : {745, 746, 747, 748, 749, 893, 894, 895, 896, 897, 5000, 70000}) {
+            const std::string text(size, char('a' + size % 26));
+            CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", text.c_str());
+            expected.push_back("W/CI_CORE" + ids + "Long.cpp: Long(1) > " + text + "\n");
+        }
+        CIM::Log::Info(longFile.c_str(), "F", 2, "%d%%", 50);
+        expected.push_back("I/CI_CORE" + ids + longFile + ": F(2) > 50%\n");
+        const int priorities[] = {DLOG_VERBOSE, DLOG_DEBUG, DLOG_INFO, DLOG_WARN,
+                                  DLOG_ERROR,   DLOG_FATAL, 0,         42};
+        for (size_t i = 0; i < 8; ++i) {
+            EXPECT_GT(__dlog_print(LOG_ID_MAIN, priorities[i], "T_TAG", "value %d", priorities[i]),
+                      0);
+            expected.push_back(std::string(1, "VDIWEF??"[i]) + "/T_TAG" + ids + "value " +
+                               std::to_string(priorities[i]) + "\n");
+        }
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "ends with line feed\n");
+        expected.push_back("I/T_TAG" + ids + "ends with line feed\n");
+        const pid_t child = ::fork();
+        if (child == 0) {
+            __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "from the child");
+            ::_exit(0);
+        }
+        ASSERT_GT(child, 0);
+        ::waitpid(child, nullptr, 0);
+        expected.push_back("I/T_TAG" + Ids(child, child) + "from the child\n");
+        ::gettimeofday(&after, nullptr);
+    };
+    auto check = [&](const std::string& content) {
+        const std::string first = Stamp(before), last = Stamp(after);
+        size_t at = 0;
+        for (const std::string& rest : expected) {
+            ASSERT_LE(at + kStampLength + rest.size(), content.size()) << rest.substr(0, 60);
+            const std::string stamp = content.substr(at, kStampLength - 1);
+            EXPECT_TRUE(std::regex_search(content.substr(at, kStampLength), kStamp)) << stamp;
+            EXPECT_LE(first, stamp);
+            EXPECT_LE(stamp, last);
+            EXPECT_EQ(content.substr(at + kStampLength, rest.size()), rest);
+            at += kStampLength + rest.size();
+        }
+        EXPECT_EQ(at, content.size());
+    };
+    {
+        cimtest::LogCapture log;
+        logAll();
+        check(cimtest::ReadFile(log.Path()));
+        struct stat info;
+        ASSERT_EQ(::stat(log.Path().c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0644u);
     }
-    struct stat info;
-    ASSERT_EQ(::stat(log.Path().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0644u);
+    cimtest::TempDir dir;
+    const int errFd = ::open(dir.File("stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    ASSERT_GE(errFd, 0);
+    OnStandardError(errFd, logAll);
+    ::close(errFd);
+    check(cimtest::ReadFile(dir.File("stderr")));
 
-    // A forked child's lines carry its own ids, not the parent's.
-    log.Clear();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "from the child");
-        ::_exit(0);
-    }
-    ASSERT_GT(child, 0);
-    ::waitpid(child, nullptr, 0);
-    ASSERT_EQ(log.Lines().size(), 1u);
-    EXPECT_EQ(log.Lines()[0].substr(kStampLength),
-              "I/T_TAG" + Ids(child, child) + "from the child");
+    EXPECT_EQ(CIM::ToString(true), "true");
+    EXPECT_EQ(CIM::ToString(false), "false");
 }
 
-TEST(HostLog, DestinationChangesOnlyThroughTheControlAndStoppedTagsAreDropped) {
-    cimtest::LogCapture log;
+// The helper asks before it formats, and the platform drops what the helper
+// would not write: with the tag stopped or the output "none" nothing lands.
+// Every switch, either way, counts from the next line, also while other
+// threads log; only the control changes the destination, not the environment.
+TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     using cimhost::EHostSetting;
-    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "first");
-    // Read once: a later change of the environment is not looked at.
-    cimtest::ScopedEnv ignored("CIM_LOG_OUTPUT", "none");
-    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "environment ignored");
+    cimtest::LogCapture log;
+    const std::string toFile = "file:" + log.Path();
+    int next = 0;
+    std::vector<std::string> written;
+    auto lineIf = [&](bool on) {
+        EXPECT_EQ(CIM::Log::IsOn(), on) << "before line " << next;
+        if (on) {
+            written.push_back("Gate.cpp: Gate(1) > " + std::to_string(next));
+            written.push_back("raw " + std::to_string(next));
+        }
+        int formatted = -1;  // %n tells whether the message was formatted at all
+        CIM::Log::Info("Gate.cpp", "Gate", 1, "%d%n", next, &formatted);
+        EXPECT_EQ(formatted >= 0, on) << "line " << next;
+        __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "CI_CORE", "raw %d", next++);
+    };
+    lineIf(true);
+    const cimtest::ScopedEnv ignored("CIM_LOG_OUTPUT", "none");  // read once, at the first line
+    lineIf(true);
+    ASSERT_EQ(stopdlogtagbydefault("T_OTHER"), 0);  // another tag changes nothing here
+    lineIf(true);
+    ASSERT_EQ(stopdlogtagbydefault("CI_CORE"), 0);
+    lineIf(false);
+    ASSERT_EQ(startdlogtagbydefault("T_OTHER"), 0);
+    lineIf(false);
     cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
-    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "dropped");
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + log.Path());
-    EXPECT_EQ(stopdlogtagbydefault("T_DEST"), 0);
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_DEST", "while stopped");
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_OTHER", "other tag");
-    EXPECT_EQ(startdlogtagbydefault("T_DEST"), 0);
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_DEST", "after start");
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"first", "environment ignored", "other tag",
-                                                        "after start"}));
-
-    cimtest::TempDir dir;
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + dir.File("missing/log"));
+    ASSERT_EQ(startdlogtagbydefault("CI_CORE"), 0);
+    lineIf(false);  // still "none"
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
+    lineIf(true);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
+    lineIf(false);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
+    lineIf(true);
+    EXPECT_EQ(startdlogtagbydefault(nullptr), -1);
+    EXPECT_EQ(stopdlogtagbydefault(""), -1);
+    {
+        cimtest::ScopedHostSetting refuse(EHostSetting::DLOG_REFUSE, "T_A,CI_CORE");
+        EXPECT_EQ(stopdlogtagbydefault("CI_CORE"), -1);  // refused: stays on
+        EXPECT_EQ(startdlogtagbydefault("T_A"), -1);
+        EXPECT_EQ(stopdlogtagbydefault("CI_COR"), 0);  // a prefix of a listed tag is not listed
+        EXPECT_EQ(startdlogtagbydefault("CI_COR"), 0);
+        lineIf(true);
+    }
+    // The platform's word for a tag: one per tag, following its switches.
+    const int* word = cim_dlog_tag_switch("T_WORD");
+    EXPECT_EQ(cim_dlog_tag_switch("T_WORD"), word);
+    EXPECT_NE(*word, 0);
+    ASSERT_EQ(stopdlogtagbydefault("T_WORD"), 0);
+    EXPECT_EQ(*word, 0);
+    ASSERT_EQ(startdlogtagbydefault("T_WORD"), 0);
+    EXPECT_NE(*word, 0);
+    EXPECT_EQ(log.Messages(), written);
+    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + log.Path() + ".d/missing");
     EXPECT_LT(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "nowhere"), 0);
-}
 
-// Threads log while the destination moves between two files and "none": no
-// data race, and every line that lands is whole.
-TEST(HostLog, DestinationSwitchedWhileThreadsLog) {
-    cimtest::LogCapture first;
-    cimtest::TempDir dir;
-    const std::string second = dir.File("second.log");
+    // Tag and destination (two files and "none") switched while threads log,
+    // through the helper and straight: no race, and only whole lines.
+    log.Clear();
+    const std::string second = log.Path() + ".2";
     std::atomic<bool> stop(false);
     std::atomic<long> logged(0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([t, &stop, &logged] {
-            for (int i = 0; !stop; ++i) {
-                __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_SW", "%d:%d:end", t, i);
-                ++logged;
+            for (int i = 0; !stop; ++i, ++logged) {
+                if (t == 1) {
+                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "CI_CORE", "Gate.cpp: Gate(2) > %d:%d:end",
+                                 t, i);
+                } else {
+                    CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
+                }
             }
         });
     }
-    const std::string outputs[] = {"file:" + second, "none", "file:" + first.Path()};
     for (int round = 0; round < 300; ++round) {
-        cimhost::SetSetting(cimhost::EHostSetting::LOG_OUTPUT, outputs[round % 3]);
-        // A few lines under each destination before the next switch.
+        const int step = round % 5;  // ends on step 4: the first file, tag on
+        if (step < 2) {
+            (step == 0 ? stopdlogtagbydefault : startdlogtagbydefault)("CI_CORE");
+        } else {
+            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, step == 2   ? "none"
+                                                          : step == 3 ? "file:" + second
+                                                                      : toFile);
+        }
+        // A few lines under each state before the next switch.
         for (const long seen = logged; logged < seen + 3;) {
             std::this_thread::yield();
         }
     }
     stop = true;
     cimtest::JoinAll(threads);
-    const std::regex whole(R"(^\d+:\d+:end$)");
-    size_t lines = 0;
-    for (const std::string& path : {first.Path(), second}) {
-        for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(path))) {
-            ASSERT_TRUE(std::regex_match(cimtest::MessageOf(line), whole)) << line;
-            ++lines;
-        }
+    CIM::Log::Info("Gate.cpp", "Gate", 3, "last");
+    std::vector<std::string> messages = log.Messages();
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages.back(), "Gate.cpp: Gate(3) > last");
+    messages.pop_back();
+    for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(second))) {
+        messages.push_back(cimtest::MessageOf(line));
     }
-    EXPECT_GT(lines, 0u);
+    EXPECT_FALSE(messages.empty());
+    const std::regex whole(R"(^Gate\.cpp: Gate\(2\) > \d:\d+:end$)");
+    for (const std::string& message : messages) {
+        ASSERT_TRUE(std::regex_match(message, whole)) << message;
+    }
 }
 
 // Lines longer than a pipe's atomic write (4096 bytes) from several threads
@@ -144,8 +255,6 @@ TEST(HostLog, DestinationSwitchedWhileThreadsLog) {
 TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
     int pipeFds[2];
     ASSERT_EQ(::pipe(pipeFds), 0);
-    const int savedStderr = ::dup(STDERR_FILENO);
-    ASSERT_GE(savedStderr, 0);
     std::string received;
     std::thread reader([&received, fd = pipeFds[0]] {
         char chunk[65536];
@@ -153,18 +262,14 @@ TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
             received.append(chunk, size_t(got));
         }
     });
-    {
-        cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
-        ::dup2(pipeFds[1], STDERR_FILENO);
+    OnStandardError(pipeFds[1], [] {
         cimtest::RunThreads(8, [](int t) {
             const std::string payload(t < 6 ? 5000 : 65536, char('a' + t));
             for (int i = 0; i < (t < 6 ? 100 : 10); ++i) {
                 __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_PIPE", "%d|%d|%s|", t, i, payload.c_str());
             }
         });
-        ::dup2(savedStderr, STDERR_FILENO);
-    }
-    ::close(savedStderr);
+    });
     ::close(pipeFds[1]);
     reader.join();
     ::close(pipeFds[0]);
@@ -208,180 +313,6 @@ TEST(HostLog, RotatedFileIsReopenedWithoutLosingALine) {
     ASSERT_EQ(messages.size(), size_t(next));
     for (int i = 0; i < next; ++i) {
         EXPECT_EQ(messages[size_t(i)], std::to_string(i));
-    }
-}
-
-TEST(HostDebugMenu, RefusedCallsFailAndChangeNothing) {
-    cimtest::LogCapture log;
-    EXPECT_EQ(startdlogtagbydefault(nullptr), -1);
-    EXPECT_EQ(stopdlogtagbydefault(""), -1);
-    {
-        cimtest::ScopedHostSetting refuse(cimhost::EHostSetting::DLOG_REFUSE, "T_A,T_MENU");
-        EXPECT_EQ(stopdlogtagbydefault("T_MENU"), -1);
-        EXPECT_EQ(startdlogtagbydefault("T_A"), -1);
-        EXPECT_EQ(stopdlogtagbydefault("T_MEN"), 0);  // a prefix of a listed tag is not listed
-        EXPECT_EQ(startdlogtagbydefault("T_MEN"), 0);
-    }
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T_MENU", "still running");
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"still running"}));
-}
-
-// "MM-DD HH:MM:SS.mmm" of a moment, written independently of the log.
-std::string Stamp(const struct timeval& moment) {
-    struct tm local;
-    ::localtime_r(&moment.tv_sec, &local);
-    char text[32];
-    const size_t size = std::strftime(text, sizeof text, "%m-%d %H:%M:%S", &local);
-    std::snprintf(text + size, sizeof text - size, ".%03ld", long(moment.tv_usec / 1000));
-    return text;
-}
-
-// Every byte of the helper's lines, to a file and to standard error: short
-// and long messages (across every buffer size inside), %-signs in arguments,
-// negative line numbers, a dropped trailing line feed, three priorities.
-TEST(LogHelper, LinesKeepTheirExactBytesInAFileAndOnStandardError) {
-    const std::string longFile(800, 'f');
-    std::vector<std::string> expected;  // after the stamp, with the line end
-    const std::string ids = Ids(::getpid(), ::gettid());
-    auto logAll = [&] {
-        expected.clear();
-        CIM::Log::Info("Some.cpp", "Func", 12, "value %d", 7);
-        expected.push_back("I/CI_CORE" + ids + "Some.cpp: Func(12) > value 7\n");
-        CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
-        expected.push_back("E/CI_CORE" + ids + "Other.cpp: ~Other(3) > \n");
-        CIM::Log::Info("Pct.cpp", "Pct", -37, "100%% of [%s]", "%s%d%n%%");
-        expected.push_back("I/CI_CORE" + ids + "Pct.cpp: Pct(-37) > 100% of [%s%d%n%%]\n");
-        CIM::Log::Error("Feed.cpp", "Feed", 0, "ends with line feed\n");
-        expected.push_back("E/CI_CORE" + ids + "Feed.cpp: Feed(0) > ends with line feed\n");
-        for (size_t size : {745, 746, 747, 748, 749, 893, 894, 895, 896, 897, 5000, 70000}) {
-            const std::string text(size, char('a' + size % 26));
-            CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", text.c_str());
-            expected.push_back("W/CI_CORE" + ids + "Long.cpp: Long(1) > " + text + "\n");
-        }
-        CIM::Log::Info(longFile.c_str(), "F", 2, "%d%%", 50);
-        expected.push_back("I/CI_CORE" + ids + longFile + ": F(2) > 50%\n");
-    };
-    auto check = [&](const std::string& content, const std::string& first,
-                     const std::string& last) {
-        size_t at = 0;
-        for (const std::string& rest : expected) {
-            ASSERT_LE(at + kStampLength + rest.size(), content.size()) << rest.substr(0, 60);
-            const std::string stamp = content.substr(at, kStampLength - 1);
-            EXPECT_TRUE(std::regex_search(content.substr(at, kStampLength), kStamp)) << stamp;
-            EXPECT_TRUE(first <= stamp && stamp <= last) << first << " " << stamp << " " << last;
-            EXPECT_EQ(content.substr(at + kStampLength, rest.size()), rest);
-            at += kStampLength + rest.size();
-        }
-        EXPECT_EQ(at, content.size());
-    };
-    struct timeval before, after;
-    {
-        cimtest::LogCapture log;
-        ::gettimeofday(&before, nullptr);
-        logAll();
-        ::gettimeofday(&after, nullptr);
-        check(cimtest::ReadFile(log.Path()), Stamp(before), Stamp(after));
-    }
-    cimtest::TempDir dir;
-    const std::string errPath = dir.File("stderr");
-    const int errFd = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    const int savedStderr = ::dup(STDERR_FILENO);
-    ASSERT_GE(errFd, 0);
-    {
-        cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
-        ::dup2(errFd, STDERR_FILENO);
-        ::gettimeofday(&before, nullptr);
-        logAll();
-        ::gettimeofday(&after, nullptr);
-        ::dup2(savedStderr, STDERR_FILENO);
-    }
-    ::close(savedStderr);
-    ::close(errFd);
-    check(cimtest::ReadFile(errPath), Stamp(before), Stamp(after));
-
-    EXPECT_EQ(CIM::ToString(true), "true");
-    EXPECT_EQ(CIM::ToString(false), "false");
-}
-
-// The helper asks before it formats: with its tag stopped or the output
-// "none" it writes nothing, and every switch, either way, counts from the
-// next line, also while other threads log.
-TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
-    using cimhost::EHostSetting;
-    cimtest::LogCapture log;
-    const std::string toFile = "file:" + log.Path();
-    int next = 0;
-    std::vector<std::string> written;
-    auto lineIf = [&](bool on) {
-        EXPECT_EQ(CIM::Log::IsOn(), on) << "before line " << next;
-        if (on) {
-            written.push_back("Gate.cpp: Gate(1) > " + std::to_string(next));
-        }
-        int formatted = -1;  // %n tells whether the message was formatted at all
-        CIM::Log::Info("Gate.cpp", "Gate", 1, "%d%n", next++, &formatted);
-        EXPECT_EQ(formatted >= 0, on) << "line " << next - 1;
-    };
-    lineIf(true);
-    ASSERT_EQ(stopdlogtagbydefault("CI_CORE"), 0);
-    lineIf(false);
-    ASSERT_EQ(stopdlogtagbydefault("T_OTHER"), 0);  // another tag changes nothing here
-    ASSERT_EQ(startdlogtagbydefault("T_OTHER"), 0);
-    lineIf(false);
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
-    ASSERT_EQ(startdlogtagbydefault("CI_CORE"), 0);
-    lineIf(false);  // still "none"
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
-    lineIf(true);
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
-    lineIf(false);
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
-    lineIf(true);
-    {
-        cimtest::ScopedHostSetting refuse(EHostSetting::DLOG_REFUSE, "CI_CORE");
-        EXPECT_EQ(stopdlogtagbydefault("CI_CORE"), -1);  // refused: stays on
-        lineIf(true);
-    }
-    // The platform's word for a tag: one per tag, following its switches.
-    const int* word = cim_dlog_tag_switch("T_WORD");
-    EXPECT_EQ(cim_dlog_tag_switch("T_WORD"), word);
-    EXPECT_NE(*word, 0);
-    ASSERT_EQ(stopdlogtagbydefault("T_WORD"), 0);
-    EXPECT_EQ(*word, 0);
-    ASSERT_EQ(startdlogtagbydefault("T_WORD"), 0);
-    EXPECT_NE(*word, 0);
-    EXPECT_EQ(log.Messages(), written);
-
-    // Switched both ways while two threads log: no race, only whole lines.
-    log.Clear();
-    std::atomic<bool> stop(false);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-        threads.emplace_back([t, &stop] {
-            for (int i = 0; !stop; ++i) {
-                CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
-            }
-        });
-    }
-    for (int round = 0; round < 200; ++round) {
-        if (round % 2 == 0) {
-            stopdlogtagbydefault("CI_CORE");
-            startdlogtagbydefault("CI_CORE");
-        } else {
-            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
-            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
-        }
-    }
-    stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    CIM::Log::Info("Gate.cpp", "Gate", 3, "last");
-    const std::vector<std::string> messages = log.Messages();
-    ASSERT_FALSE(messages.empty());
-    EXPECT_EQ(messages.back(), "Gate.cpp: Gate(3) > last");
-    const std::regex whole(R"(^Gate\.cpp: Gate\(2\) > \d:\d+:end$)");
-    for (size_t i = 0; i + 1 < messages.size(); ++i) {
-        ASSERT_TRUE(std::regex_match(messages[i], whole)) << messages[i];
     }
 }
 
