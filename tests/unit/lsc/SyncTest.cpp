@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <set>
-#include <string>
 
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -16,7 +15,7 @@
 namespace cimtest {
 namespace {
 
-class SyncTest : public LscTest {};
+using SyncTest = LscTaskTest;
 
 int OwnKernelTid() {
     return static_cast<int>(::syscall(SYS_gettid));
@@ -42,8 +41,6 @@ int RecordedTidOfSyncSend(HeldTask& task) {
 
 TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     LogCapture log;
-    HeldTask task;
-    ASSERT_TRUE(task.Create("receiver", 0, 0, 0));
     task.Hold();
 
     constexpr int kSenders = TCSyncDet::MAX_SYNC_TASKS + 1;
@@ -81,12 +78,9 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     JoinAll(threads);
     EXPECT_EQ(completed, kSenders);
     EXPECT_EQ(SyncEntries(), 0);
-    task.Stop();
 }
 
 TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("receiver", 0, 0, 0));
     // Twice from each thread: the second send reads the id the first kept.
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(RecordedTidOfSyncSend(task), OwnKernelTid());
@@ -117,8 +111,8 @@ TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
     ASSERT_GT(child, 0);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-    task.Stop();
+    EXPECT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(SyncTest, EntriesAreReusedLowestFirstAndASecondInitKeepsThem) {
