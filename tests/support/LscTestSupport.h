@@ -14,6 +14,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace cimtest {
 
@@ -45,14 +46,20 @@ inline bool After(const TSEvent*, const void* context) {
     return false;
 }
 
-inline int SyncEntries() {
+// The valid entries of the sync-send table, copied under its lock.
+inline std::vector<TCSyncDet::PTSyncDetInfo> SyncTable() {
+    std::vector<TCSyncDet::PTSyncDetInfo> valid;
     TCSyncDet::m_pLock->Lock();
-    int valid = 0;
     for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        valid += TCSyncDet::m_arrPCSyncDet[i].bValid ? 1 : 0;
+        if (TCSyncDet::m_arrPCSyncDet[i].bValid) {
+            valid.push_back(TCSyncDet::m_arrPCSyncDet[i]);
+        }
     }
     TCSyncDet::m_pLock->Unlock();
     return valid;
+}
+inline int SyncEntries() {
+    return static_cast<int>(SyncTable().size());
 }
 
 // For the tests that need the runtime's global state.

@@ -54,8 +54,9 @@ std::vector<int> Slots(Functions... functions) {
 using Seq = std::vector<int>;
 
 // Expose the protected hooks to take their addresses.
-struct ThreadProbe : TCThread {
-    using TCThread::t_Main;
+template <typename Thread>
+struct MainProbe : Thread {
+    using Thread::t_Main;
 };
 struct HandlerProbe : TCHandler {
     using TCHandler::t_OnEvent;
@@ -74,9 +75,6 @@ struct TaskProbe : TCTask {
 struct AlarmProbe : TCAlarm {
     using TCAlarm::t_OnAlarm;
     using TCAlarm::t_OnEvent;
-};
-struct NotifyProbe : TCEventNotifyThread {
-    using TCEventNotifyThread::t_Main;
 };
 struct ObserverSafeProbe : CIM::TICIMAlarmObserverSafe {
     using CIM::TICIMAlarmObserverSafe::t_LockAlarmObserverSafe;
@@ -99,8 +97,9 @@ TEST(Abi, LegacyRuntimeVirtualsAreInTheirSlots) {
     EXPECT_EQ(Slots<TCQueue>(&TCQueue::Destroy), Seq({2, 3}));
 
     // t_Main, the two destructors, Destroy.
-    EXPECT_EQ(Slots<TCThread>(&ThreadProbe::t_Main, &TCThread::Destroy), Seq({0, 3, 4}));
-    EXPECT_EQ(Slots<TCEventNotifyThread>(&NotifyProbe::t_Main, &TCEventNotifyThread::Destroy),
+    EXPECT_EQ(Slots<TCThread>(&MainProbe<TCThread>::t_Main, &TCThread::Destroy), Seq({0, 3, 4}));
+    EXPECT_EQ(Slots<TCEventNotifyThread>(&MainProbe<TCEventNotifyThread>::t_Main,
+                                         &TCEventNotifyThread::Destroy),
               Seq({0, 3, 4}));
 
     // The two destructors, t_OnEvent, Destroy.

@@ -26,14 +26,11 @@ int OwnKernelTid() {
 int RecordedTidOfSyncSend(HeldTask& task) {
     std::atomic<int> recorded{-1};
     task.onUser = [&recorded](const TSEvent* event) {
-        TCSyncDet::m_pLock->Lock();
-        for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-            const TCSyncDet::PTSyncDetInfo& entry = TCSyncDet::m_arrPCSyncDet[i];
-            if (entry.bValid && entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
+        for (const auto& entry : SyncTable()) {
+            if (entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
                 recorded = entry.iCallerTid;
             }
         }
-        TCSyncDet::m_pLock->Unlock();
     };
     EXPECT_TRUE(SendTo(&task, EVENT_USER, true));
     return recorded;
@@ -61,14 +58,11 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     // Each entry says who waits for which task; the table's lock orders the
     // ids written by the senders before this read.
     std::set<unsigned long> callers;
-    TCSyncDet::m_pLock->Lock();
-    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        const TCSyncDet::PTSyncDetInfo& entry = TCSyncDet::m_arrPCSyncDet[i];
+    for (const auto& entry : SyncTable()) {
         callers.insert(entry.ulCallerId);
         EXPECT_STREQ(entry.szCallerName, "sender");
         EXPECT_EQ(entry.ulReceiverId, static_cast<unsigned long>(task.Id()));
     }
-    TCSyncDet::m_pLock->Unlock();
     EXPECT_EQ(callers, std::set<unsigned long>(ids.begin(), ids.end() - 1));
 
     start(kSenders - 1);
