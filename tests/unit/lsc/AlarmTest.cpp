@@ -85,6 +85,9 @@ TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
     EXPECT_EQ(alarm.hookCalls, 0) << "a before callback returning true stands in for the hook";
     EXPECT_EQ(calls.after, 1);
+    calls.beforeResult = false;
+    ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
+    EXPECT_EQ(alarm.hookCalls, 1);
 
     // The function setters replace what the raw pointers bound, or clear it.
     int functionCalls = 0;
@@ -93,9 +96,9 @@ TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     TSEvent event = MakeEvent(&alarm, EVENT_ALARM);
     EXPECT_TRUE(alarm.OnAlarm(&event)) << "the after function's true";
     EXPECT_EQ(functionCalls, 1);
-    EXPECT_EQ(calls.before, 1);
-    EXPECT_EQ(calls.after, 1);
-    EXPECT_EQ(alarm.hookCalls, 1);
+    EXPECT_EQ(calls.before, 2);
+    EXPECT_EQ(calls.after, 2);
+    EXPECT_EQ(alarm.hookCalls, 2);
     alarm.Destroy();
 }
 
