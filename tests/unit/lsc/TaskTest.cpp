@@ -58,12 +58,13 @@ TEST_F(TaskTest, CallbacksSuppressAndFollowTheHooks) {
     task.Hold();
     ASSERT_TRUE(SendTo(&task, EVENT_EXIT, false));
     ASSERT_TRUE(SendTo(&task, EVENT_USER, false));
-    auto syncSender = std::async(std::launch::async, [this] { return SendTo(&task, 1, true); });
+    auto sender =
+        std::async(std::launch::async, [this] { return SendTo(&task, EVENT_USER, true); });
     unsigned int queued = 0;
     ASSERT_TRUE(WaitUntil([&] { return task.Find(&task, &queued) && queued == 3; }));
     task.Open();
     EXPECT_TRUE(task.Destroy()) << "events for the task's own handler were still queued";
-    EXPECT_TRUE(syncSender.get()) << "Destroy releases the synchronous sender";
+    EXPECT_TRUE(sender.get()) << "Destroy releases the synchronous sender";
     EXPECT_EQ(exitCalls.before, 1);
     EXPECT_EQ(exitCalls.after, 1);
     EXPECT_EQ(task.userHooks, 2) << "a user event ran after the exit";
