@@ -14,6 +14,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace cimtest {
 
@@ -33,7 +34,7 @@ inline bool SendTo(TCHandler* receiver, unsigned long type, bool sync, uintptr_t
 // Counted by the raw callbacks Before and After, passed as their context.
 struct Calls {
     std::atomic<int> before{0}, after{0};
-    std::atomic<bool> beforeResult{false}, afterResult{false};
+    std::atomic<bool> beforeResult{false};
 };
 inline bool Before(const TSEvent*, const void* context) {
     auto* calls = static_cast<Calls*>(const_cast<void*>(context));
@@ -41,19 +42,24 @@ inline bool Before(const TSEvent*, const void* context) {
     return calls->beforeResult;
 }
 inline bool After(const TSEvent*, const void* context) {
-    auto* calls = static_cast<Calls*>(const_cast<void*>(context));
-    ++calls->after;
-    return calls->afterResult;
+    ++static_cast<Calls*>(const_cast<void*>(context))->after;
+    return false;
 }
 
-inline int SyncEntries() {
+// The valid entries of the sync-send table, copied under its lock.
+inline std::vector<TCSyncDet::PTSyncDetInfo> SyncTable() {
+    std::vector<TCSyncDet::PTSyncDetInfo> valid;
     TCSyncDet::m_pLock->Lock();
-    int valid = 0;
     for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        valid += TCSyncDet::m_arrPCSyncDet[i].bValid ? 1 : 0;
+        if (TCSyncDet::m_arrPCSyncDet[i].bValid) {
+            valid.push_back(TCSyncDet::m_arrPCSyncDet[i]);
+        }
     }
     TCSyncDet::m_pLock->Unlock();
     return valid;
+}
+inline int SyncEntries() {
+    return static_cast<int>(SyncTable().size());
 }
 
 // For the tests that need the runtime's global state.
@@ -111,6 +117,23 @@ private:
     std::atomic<bool> m_hold{false};
     TCSemaphore m_gate;
     TCSemaphore m_entered;
+};
+
+// A created task for each test, stopped at the end unless the test did it.
+class LscTaskTest : public LscTest {
+protected:
+    void SetUp() override {
+        LscTest::SetUp();
+        ASSERT_TRUE(task.Create("task", 0, 0, 0));
+    }
+    void TearDown() override {
+        if (task.FlagCreate()) {
+            task.Stop();
+        }
+        LscTest::TearDown();
+    }
+
+    HeldTask task;
 };
 
 }  // namespace cimtest

@@ -2,8 +2,6 @@
 
 #include "LscTestSupport.h"
 
-#include <string>
-
 #include <sys/prctl.h>
 
 namespace cimtest {
@@ -11,66 +9,35 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class CountingAlarm : public TCAlarm {
-public:
-    std::atomic<int> hookCalls{0};
+using AlarmTest = LscTaskTest;
 
-protected:
+struct CountingAlarm : TCAlarm {
     bool t_OnAlarm(const TSEvent*) override {
         ++hookCalls;
         return false;
     }
+    std::atomic<int> hookCalls{0};
 };
-
-class AlarmTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(LegacyCoreExport::Init());
-        ASSERT_TRUE(m_task.Create("alarm-task", 0, 0, 0));
-    }
-    void TearDown() override {
-        m_task.Stop();
-        LegacyCoreExport::Destroy();
-    }
-
-    HeldTask m_task;
-};
-
-TEST_F(AlarmTest, PeriodAndCountAre32BitWithAFloor) {
-    TCAlarm alarm;
-    ASSERT_TRUE(alarm.Create(&m_task, 5, 3));
-    EXPECT_EQ(alarm.Period(), 10u);
-    // Truncated first, then floored: 2^32 + 5 is a period of 5.
-    for (const auto& [period, count, storedPeriod, storedCount] :
-         {std::tuple{11ul, static_cast<unsigned long>(-1), 11ul, TCAlarm::kNoEnd},
-          {0ul, 4294967295ul, 10ul, TCAlarm::kNoEnd},
-          {static_cast<unsigned long>((uint64_t(1) << 32) + 5), 0ul, 10ul, 0ul}}) {
-        alarm.Reset(period, count);
-        EXPECT_EQ(alarm.Period(), storedPeriod) << period;
-        EXPECT_EQ(alarm.Count(), storedCount) << count;
-    }
-    alarm.Destroy();
-}
 
 TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
     CountingAlarm alarms[3];  // without end, with a count left, exhausted
     const unsigned long counts[] = {4294967295ul, 2, 0};
     for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(alarms[i].Create(&m_task, 10, counts[i]));
+        ASSERT_TRUE(alarms[i].Create(&task, 10, counts[i]));
     }
     auto resetAll = [&alarms] {
         for (TCAlarm& alarm : alarms) {
             alarm.Reset(15, 3);
         }
     };
-    m_task.onUser = [&resetAll](const TSEvent*) { resetAll(); };
+    task.onUser = [&resetAll](const TSEvent*) { resetAll(); };
     auto promptly = [](auto action) {
         std::this_thread::sleep_for(50ms);  // several periods run out; nothing to wait for
         const auto start = Clock::now();
         std::thread(action).join();
         EXPECT_LT(Clock::now() - start, Scaled(500ms));
     };
-    promptly([&] { EXPECT_TRUE(SendTo(&m_task, EVENT_USER, true)); });  // on the task's thread
+    promptly([&] { EXPECT_TRUE(SendTo(&task, EVENT_USER, true)); });  // on the task's thread
     promptly(resetAll);
     promptly([&] {
         for (TCAlarm& alarm : alarms) {
@@ -80,7 +47,7 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
     // The alarm threads never queue an alarm event of their own.
     EXPECT_EQ(alarms[0].hookCalls + alarms[1].hookCalls + alarms[2].hookCalls, 0);
     // Straight after Create, before the thread may even have started.
-    ASSERT_TRUE(alarms[0].Create(&m_task, 1000, 1));
+    ASSERT_TRUE(alarms[0].Create(&task, 1000, 1));
     const auto start = Clock::now();
     alarms[0].Destroy();
     EXPECT_LT(Clock::now() - start, Scaled(500ms));
@@ -89,20 +56,20 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
 TEST_F(AlarmTest, ResetAndDestroyDropAlarmEventsStillQueued) {
     CountingAlarm alarm;
     CountingAlarm doomed;
-    ASSERT_TRUE(alarm.Create(&m_task, 1000, 1));
-    ASSERT_TRUE(doomed.Create(&m_task, 1000, 1));
-    m_task.Hold();  // the events below wait in the queue
+    ASSERT_TRUE(alarm.Create(&task, 1000, 1));
+    ASSERT_TRUE(doomed.Create(&task, 1000, 1));
+    task.Hold();  // the events below wait in the queue
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
-    ASSERT_TRUE(SendTo(&m_task, EVENT_PING, false));
+    ASSERT_TRUE(SendTo(&task, EVENT_PING, false));
     alarm.Reset(1000, 1);
     unsigned int left = 0;
-    EXPECT_FALSE(m_task.Find(&alarm, &left));
-    EXPECT_TRUE(m_task.Find(&m_task, &left)) << "Reset removed a foreign event";
+    EXPECT_FALSE(task.Find(&alarm, &left));
+    EXPECT_TRUE(task.Find(&task, &left)) << "Reset removed a foreign event";
     EXPECT_EQ(left, 1u);
     ASSERT_TRUE(SendTo(&doomed, EVENT_ALARM, false));
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
     EXPECT_TRUE(doomed.Destroy());
-    m_task.Open();
+    task.Open();
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));  // runs after what is queued
     EXPECT_EQ(alarm.hookCalls, 2) << "dropped alarm events were executed";
     alarm.Destroy();
@@ -110,7 +77,7 @@ TEST_F(AlarmTest, ResetAndDestroyDropAlarmEventsStillQueued) {
 
 TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     CountingAlarm alarm;
-    ASSERT_TRUE(alarm.Create(&m_task, 1000, 1));
+    ASSERT_TRUE(alarm.Create(&task, 1000, 1));
     Calls calls;
     EXPECT_FALSE(alarm.SetEventCallback(1, Before, After, &calls));
     ASSERT_TRUE(alarm.SetEventCallback(EVENT_ALARM, Before, After, &calls));
@@ -135,19 +102,31 @@ TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     alarm.Destroy();
 }
 
-TEST_F(AlarmTest, StateAlarmTurnsAlarmEventsIntoStateEvents) {
+// A state alarm's Create widens a negative count to "no end".
+TEST_F(AlarmTest, StateAlarmSendsStateEventsAndPeriodAndCountAre32BitWithAFloor) {
     struct ExposedStateAlarm : TCStateAlarm {
         using TCStateAlarm::t_OnAlarm;
     } alarm;
-    ASSERT_TRUE(alarm.Create(&m_task, 42, 5, -1));
+    ASSERT_TRUE(alarm.Create(&task, 42, 5, -1));
+    EXPECT_EQ(alarm.Period(), 10u);
     EXPECT_EQ(alarm.Count(), TCAlarm::kNoEnd);
     // The state event is queued while the alarm event runs, so a ping sent
     // afterwards runs after it. The hook answers false either way.
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
     TSEvent event = MakeEvent(&alarm, 7);
     EXPECT_FALSE(alarm.t_OnAlarm(&event));
-    ASSERT_TRUE(SendTo(&m_task, EVENT_PING, true));
-    EXPECT_EQ(m_task.executed[42], 1);
+    ASSERT_TRUE(SendTo(&task, EVENT_PING, true));
+    EXPECT_EQ(task.executed[42], 1);
+
+    // Truncated first, then floored: 2^32 + 5 is a period of 5.
+    for (const auto& [period, count, storedPeriod, storedCount] :
+         {std::tuple{11ul, static_cast<unsigned long>(-1), 11ul, TCAlarm::kNoEnd},
+          {0ul, 4294967295ul, 10ul, TCAlarm::kNoEnd},
+          {static_cast<unsigned long>((uint64_t(1) << 32) + 5), 0ul, 10ul, 0ul}}) {
+        alarm.Reset(period, count);
+        EXPECT_EQ(alarm.Period(), storedPeriod) << period;
+        EXPECT_EQ(alarm.Count(), storedCount) << count;
+    }
     alarm.Destroy();
 }
 
@@ -157,7 +136,7 @@ TEST_F(AlarmTest, ThreadIsNamedAfterTheCreatingThread) {
         TCAlarm alarm;
         std::thread([&, creator = creator] {
             ASSERT_EQ(prctl(PR_SET_NAME, creator, 0, 0, 0), 0);
-            ASSERT_TRUE(alarm.Create(&m_task, 1000, 1));
+            ASSERT_TRUE(alarm.Create(&task, 1000, 1));
         }).join();
         ASSERT_TRUE(alarm.FlagCreate());
         EXPECT_STREQ(alarm.Name(), expected);

@@ -18,7 +18,7 @@ bool Succeeded(std::future<bool>& attempt) {
     return attempt.wait_for(Scaled(5000ms)) == std::future_status::ready && attempt.get();
 }
 
-TEST(RWLockTest, NestedReadsReleaseOnceAtTheLastUnlockAndCannotUpgrade) {
+TEST(RWLockTest, NestedLocksReleaseOnceAtTheLastUnlockAndReadsCannotUpgrade) {
     AssertRecorder asserts;
     TCRWLock lock;
     ASSERT_TRUE(lock.RLock());
@@ -36,10 +36,8 @@ TEST(RWLockTest, NestedReadsReleaseOnceAtTheLastUnlockAndCannotUpgrade) {
     EXPECT_TRUE(lock.RUnlock());
     EXPECT_TRUE(Succeeded(writer));
     EXPECT_FALSE(lock.RUnlock()) << "a third RUnlock after two RLock";
-}
 
-TEST(RWLockTest, WriterRecursesAndReadsFreely) {
-    TCRWLock lock;
+    // The writer recurses, and reads freely.
     ASSERT_TRUE(lock.WLock());
     ASSERT_TRUE(lock.WLock());
     // The writer's reads neither block nor count.

@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <set>
-#include <string>
 
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -16,7 +15,7 @@
 namespace cimtest {
 namespace {
 
-class SyncTest : public LscTest {};
+using SyncTest = LscTaskTest;
 
 int OwnKernelTid() {
     return static_cast<int>(::syscall(SYS_gettid));
@@ -27,14 +26,11 @@ int OwnKernelTid() {
 int RecordedTidOfSyncSend(HeldTask& task) {
     std::atomic<int> recorded{-1};
     task.onUser = [&recorded](const TSEvent* event) {
-        TCSyncDet::m_pLock->Lock();
-        for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-            const TCSyncDet::PTSyncDetInfo& entry = TCSyncDet::m_arrPCSyncDet[i];
-            if (entry.bValid && entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
+        for (const auto& entry : SyncTable()) {
+            if (entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
                 recorded = entry.iCallerTid;
             }
         }
-        TCSyncDet::m_pLock->Unlock();
     };
     EXPECT_TRUE(SendTo(&task, EVENT_USER, true));
     return recorded;
@@ -42,8 +38,6 @@ int RecordedTidOfSyncSend(HeldTask& task) {
 
 TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     LogCapture log;
-    HeldTask task;
-    ASSERT_TRUE(task.Create("receiver", 0, 0, 0));
     task.Hold();
 
     constexpr int kSenders = TCSyncDet::MAX_SYNC_TASKS + 1;
@@ -64,14 +58,11 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     // Each entry says who waits for which task; the table's lock orders the
     // ids written by the senders before this read.
     std::set<unsigned long> callers;
-    TCSyncDet::m_pLock->Lock();
-    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        const TCSyncDet::PTSyncDetInfo& entry = TCSyncDet::m_arrPCSyncDet[i];
+    for (const auto& entry : SyncTable()) {
         callers.insert(entry.ulCallerId);
         EXPECT_STREQ(entry.szCallerName, "sender");
         EXPECT_EQ(entry.ulReceiverId, static_cast<unsigned long>(task.Id()));
     }
-    TCSyncDet::m_pLock->Unlock();
     EXPECT_EQ(callers, std::set<unsigned long>(ids.begin(), ids.end() - 1));
 
     start(kSenders - 1);
@@ -81,12 +72,9 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     JoinAll(threads);
     EXPECT_EQ(completed, kSenders);
     EXPECT_EQ(SyncEntries(), 0);
-    task.Stop();
 }
 
 TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("receiver", 0, 0, 0));
     // Twice from each thread: the second send reads the id the first kept.
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(RecordedTidOfSyncSend(task), OwnKernelTid());
@@ -117,8 +105,8 @@ TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
     ASSERT_GT(child, 0);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-    task.Stop();
+    EXPECT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(SyncTest, EntriesAreReusedLowestFirstAndASecondInitKeepsThem) {

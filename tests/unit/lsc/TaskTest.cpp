@@ -5,15 +5,14 @@
 #include <cstdlib>
 #include <new>
 
-// Counts the heap allocations of the thread that asked for counting. The
-// array forms keep their defaults, which end up here or, under ASan, pair
-// with ASan's own.
+// Counts the heap allocations of the thread that asked for counting; the
+// array forms keep their defaults (or, under ASan, ASan's own).
 namespace {
 thread_local bool tCounting = false;
 thread_local int tAllocations = 0;
 
-// Kept out of line: inlined into a caller of operator new, the free would
-// look mismatched to the optimiser's new/delete check.
+// Out of line: inlined into a caller of operator new, the free would look
+// mismatched to the optimiser's new/delete check.
 __attribute__((noinline)) void Release(void* memory) noexcept {
     std::free(memory);
 }
@@ -39,11 +38,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class TaskTest : public LscTest {};
+using TaskTest = LscTaskTest;
 
 TEST_F(TaskTest, CallbacksSuppressAndFollowTheHooks) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("callbacks", 0, 0, 0));
     Calls calls;
     EXPECT_FALSE(task.SetEventCallback(2, Before, After, &calls));
     ASSERT_TRUE(task.SetEventCallback(EVENT_USER, Before, After, &calls));
@@ -61,21 +58,20 @@ TEST_F(TaskTest, CallbacksSuppressAndFollowTheHooks) {
     task.Hold();
     ASSERT_TRUE(SendTo(&task, EVENT_EXIT, false));
     ASSERT_TRUE(SendTo(&task, EVENT_USER, false));
-    auto syncSender =
-        std::async(std::launch::async, [&task] { return SendTo(&task, EVENT_USER, true); });
+    auto sender =
+        std::async(std::launch::async, [this] { return SendTo(&task, EVENT_USER, true); });
     unsigned int queued = 0;
     ASSERT_TRUE(WaitUntil([&] { return task.Find(&task, &queued) && queued == 3; }));
     task.Open();
     EXPECT_TRUE(task.Destroy()) << "events for the task's own handler were still queued";
-    EXPECT_TRUE(syncSender.get()) << "Destroy releases the synchronous sender";
-    EXPECT_EQ(exitCalls.before + exitCalls.after, 2);
+    EXPECT_TRUE(sender.get()) << "Destroy releases the synchronous sender";
+    EXPECT_EQ(exitCalls.before, 1);
+    EXPECT_EQ(exitCalls.after, 1);
     EXPECT_EQ(task.userHooks, 2) << "a user event ran after the exit";
     EXPECT_FALSE(SendTo(&task, EVENT_USER, false)) << "a destroyed task refuses events";
 }
 
 TEST_F(TaskTest, SynchronousSendToTheOwnTaskRunsInPlace) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("inplace", 0, 0, 0));
     std::vector<int> results;  // task thread only: the send's result, then what ran
     task.onUser = [&](const TSEvent* event) {
         TSEvent inner = MakeEvent(&task, 5);
@@ -89,12 +85,9 @@ TEST_F(TaskTest, SynchronousSendToTheOwnTaskRunsInPlace) {
     EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"priority == true"});
     EXPECT_EQ(results, (std::vector<int>{true, 1, false, 2}));
     EXPECT_EQ(SyncEntries(), 0) << "an entry outlived its send";
-    task.Stop();
 }
 
 TEST_F(TaskTest, PingTimesOutOnABusyTaskAndClearQueueGoesFirst) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("pinged", 0, 0, 0));
     // The late request is freed by the task once executed (ASan sees a leak).
     task.Hold();
     const auto start = Clock::now();
@@ -108,7 +101,7 @@ TEST_F(TaskTest, PingTimesOutOnABusyTaskAndClearQueueGoesFirst) {
     // task's own queued event and deletes it.
     task.Hold();
     ASSERT_TRUE(SendTo(&task, EVENT_USER, false));
-    auto cleared = std::async(std::launch::async, [&task] { return task.ClearQueue(&task, 0); });
+    auto cleared = std::async(std::launch::async, [this] { return task.ClearQueue(&task, 0); });
     unsigned int requests = 0;
     ASSERT_TRUE(
         WaitUntil([&] { return task.Find(&task, EVENT_CLEAR_QUEUE, &requests) && requests == 1; }));
@@ -125,30 +118,29 @@ TEST_F(TaskTest, CreationValuesAndTheTaskList) {
         void t_Idle() override { ++idles; }
     } idle;
     const auto start = Clock::now();
-    ASSERT_TRUE(idle.Create("a-task-name-of-20-ch", 20, 0, 0));
+    ASSERT_TRUE(idle.Create("a-task-name-of-20-ch", 20, 0, 1));
     ASSERT_TRUE(WaitUntil([&idle] { return idle.idles >= 2; }, 1000ms));
     EXPECT_GE(Since(start), 38ms) << "the idle hook ran before its time-out";
     TCTaskList::m_mutex.Lock();
     EXPECT_TRUE(TCTaskList::Find("a-task-name-of-"));
     EXPECT_EQ(TCTaskList::Task(), &idle);
-    // Seeking the end succeeds on purpose: callers iterate up to it.
-    EXPECT_TRUE(TCTaskList::Seek(1));
+    // After the fixture's task; seeking the end succeeds on purpose.
+    EXPECT_TRUE(TCTaskList::Seek(2));
     EXPECT_EQ(TCTaskList::Task(), nullptr);
-    EXPECT_FALSE(TCTaskList::Seek(2));
+    EXPECT_FALSE(TCTaskList::Seek(3));
     TCTaskList::m_mutex.Unlock();
+    EXPECT_EQ(idle.CreateValue(), 5u);
     idle.Stop();
 
-    for (const auto& [value, stored] : {std::pair{0UL, 0UL}, {1UL, 5UL}, {4UL, 5UL}, {9UL, 9UL}}) {
-        HeldTask task;
-        ASSERT_TRUE(task.Create("values", 0, 0, value));
-        EXPECT_EQ(task.CreateValue(), stored) << value;
-        task.Stop();
+    for (const auto& [value, stored] : {std::pair{0UL, 0UL}, {4UL, 5UL}, {9UL, 9UL}}) {
+        HeldTask other;
+        ASSERT_TRUE(other.Create("values", 0, 0, value));
+        EXPECT_EQ(other.CreateValue(), stored) << value;
+        other.Stop();
     }
 }
 
 TEST_F(TaskTest, AsynchronousSendAllocatesNothing) {
-    HeldTask task;
-    ASSERT_TRUE(task.Create("noalloc", 0, 0, 0));
     TSEvent event = MakeEvent(&task, 9);  // a type the task ignores
     tAllocations = 0;
     tCounting = true;
@@ -158,13 +150,11 @@ TEST_F(TaskTest, AsynchronousSendAllocatesNothing) {
     delete probe;
     EXPECT_TRUE(sent);
     EXPECT_EQ(tAllocations, 1);
-    task.Stop();
 }
 
 TEST_F(TaskTest, ManyProducersLoseNothingAndKeepTheirOrder) {
     constexpr int kProducers = 4;
     constexpr uintptr_t kEvents = 20000;
-    HeldTask task;
     // An event lost or run twice breaks a producer's sequence as well.
     std::vector<uintptr_t> next(size_t(kProducers), 0);  // task thread only
     long outOfOrder = 0;
@@ -172,8 +162,7 @@ TEST_F(TaskTest, ManyProducersLoseNothingAndKeepTheirOrder) {
         outOfOrder += event->word5 != next[event->word4] ? 1 : 0;
         next[event->word4] = event->word5 + 1;
     };
-    ASSERT_TRUE(task.Create("loaded", 0, 0, 0));
-    RunThreads(kProducers, [&task](int producer) {
+    RunThreads(kProducers, [this](int producer) {
         for (uintptr_t i = 0; i < kEvents; ++i) {
             TSEvent event = MakeEvent(&task, EVENT_USER, uintptr_t(producer));
             event.word5 = i;
@@ -188,7 +177,6 @@ TEST_F(TaskTest, ManyProducersLoseNothingAndKeepTheirOrder) {
     EXPECT_EQ(outOfOrder, 0);
     EXPECT_EQ(next, std::vector<uintptr_t>(size_t(kProducers), kEvents));
     EXPECT_EQ(SyncEntries(), 0) << "a refused synchronous send stayed recorded";
-    task.Stop();
 }
 
 }  // namespace
@@ -204,15 +192,13 @@ TEST_F(TaskTest, HandlerDestroyDoesNotWaitForItsRunningEvent) {
         }
         std::promise<void> entered, gate;
     } handler;
-    HeldTask task;
-    ASSERT_TRUE(task.Create("gated", 0, 0, 0));
     ASSERT_TRUE(handler.Create(&task));
     ASSERT_TRUE(SendTo(&handler, EVENT_USER, false));
     handler.entered.get_future().wait();
     handler.Destroy();  // would hang here if it waited (false: nothing was queued)
     EXPECT_FALSE(handler.FlagCreate());
     handler.gate.set_value();
-    task.Stop();
+    task.Stop();  // the event has ended before the handler goes
 }
 
 }  // namespace cimtest

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string>
 #include <tuple>
 
 #include <sys/prctl.h>
@@ -20,18 +19,13 @@ int NiceOf(int tid) {
 }
 
 // Runs `body` as its thread's main function.
-class BodyThread : public TCThread {
-public:
-    explicit BodyThread(std::function<void()> body) : m_body(std::move(body)) {}
-
-protected:
+struct BodyThread : TCThread {
+    explicit BodyThread(std::function<void()> body) : body(std::move(body)) {}
     int t_Main() override {
-        m_body();
+        body();
         return 0;
     }
-
-private:
-    std::function<void()> m_body;
+    std::function<void()> body;
 };
 
 TEST(SemaphoreTest, TryZeroWaitsGivesAccumulateAndAnOvertakenTryWaitsAgain) {
