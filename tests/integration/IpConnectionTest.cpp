@@ -1,13 +1,23 @@
-// TCP and UDP connections against echoing peers on loopback.
+// TCP and UDP connections against echoing peers on loopback, and IPv4
+// multicast with source filters, for real: a receiver namespace and a sender
+// namespace of the test's own, joined by a veth pair. The sender namespace
+// holds three source addresses, one socket bound to each.
 #include <cimcore/CIMIpConnectionTcp.h>
 #include <cimcore/CIMIpConnectionUdp.h>
 
 #include "NetTestPeers.h"
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <list>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
 
 namespace {
 
@@ -121,6 +131,132 @@ TEST(UdpConnection, UnicastRoundTripsAndPortZeroRefusedAtTheNextRead) {
     portZero.ReadData(buffer, uint16_t(2000), read.Callback());
     EXPECT_EQ(read.Wait().error, boost::asio::error::connection_refused);
     EXPECT_TRUE(portZero.IsConnected());
+}
+
+const char* const kSources[] = {"10.213.0.2", "10.213.0.3", "10.213.0.4"};
+const std::string kRx = "cim-rx-" + std::to_string(::getpid());
+const std::string kTx = "cim-tx-" + std::to_string(::getpid());
+
+// Moves the calling thread into one of our namespaces, or back home for "".
+void Enter(const std::string& name) {
+    static const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int target =
+        name.empty() ? ::dup(home) : ::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (target < 0 || ::setns(target, CLONE_NEWNET) != 0 || ::close(target) != 0) {
+        throw std::runtime_error("cannot enter network namespace " + name);
+    }
+}
+
+// The test bodies run in the receiver namespace.
+class MulticastTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string script =
+            "set -e; rx=" + kRx + " tx=" + kTx +
+            "; ip netns add $rx; ip netns add $tx"
+            "; ip link add v$rx netns $rx type veth peer name v$tx netns $tx"
+            "; ip -n $rx addr add 10.213.0.1/24 dev v$rx; for a in 2 3 4; do"
+            " ip -n $tx addr add 10.213.0.$a/24 dev v$tx; done; for n in $rx $tx; do"
+            " ip -n $n link set v$n up; ip -n $n route add 224.0.0.0/4 dev v$n; done";
+        // The tool's own message says why, when it fails.
+        const cimtest::TempDir dir;
+        if (std::system(("(" + script + ") 2>" + dir.File("error")).c_str()) != 0) {
+            GTEST_SKIP() << "cannot set up network namespaces: "
+                         << cimtest::ReadFile(dir.File("error"));
+        }
+        Enter(kTx);
+        for (const char* source : kSources) {
+            m_senders.emplace_back(cimtest::PeerContext(),
+                                   ip::udp::endpoint(ip::make_address(source), 0));
+        }
+        Enter(kRx);
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            Enter("");
+        }
+        // Removing a namespace removes its end of the veth pair, and so both.
+        std::system(
+            ("ip netns del " + kRx + " 2>/dev/null; ip netns del " + kTx + " 2>/dev/null").c_str());
+    }
+
+    // The next `count` datagrams through the connection, joined; one that
+    // does not come in time adds nothing.
+    static std::string Read(CIM::TCCIMIpConnectionUdp& connection, int count = 1) {
+        std::string text;
+        for (std::vector<uint8_t> buffer(1500); count-- > 0;) {
+            Completion read;
+            connection.ReadData(buffer, uint16_t(2000), read.Callback());
+            text.append(buffer.begin(), buffer.begin() + long(read.Wait().bytes));
+        }
+        return text;
+    }
+    // Whether this namespace has joined the group (the table shows it in hex).
+    static bool Joined(const std::string& group) {
+        char hex[9];
+        std::snprintf(hex, sizeof hex, "%08X", htonl(ip::make_address_v4(group).to_uint()));
+        return cimtest::ReadFile("/proc/thread-self/net/igmp").find(hex) != std::string::npos;
+    }
+
+    cimtest::TestTask m_task;
+    std::vector<ip::udp::socket> m_senders;
+};
+
+// A datagram that a filter lets through is queued on every connection's
+// socket in the same delivery: once the unfiltered connection has it, the
+// others' next datagram tells whether it passed.
+TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
+    const std::string group = "239.10.1.1";
+    const uint16_t port =
+        ip::udp::socket(cimtest::PeerContext(), {ip::address_v4::any(), 0}).local_endpoint().port();
+    const ip::udp::endpoint to(ip::make_address(group), port);
+    CIM::TCCIMIpConnectionUdp joined(m_task.Get()), except(m_task.Get()), any(m_task.Get());
+    ASSERT_TRUE(
+        joined.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], kSources[1]}}));
+    ASSERT_TRUE(except.ConnectMulticast({CIM::IPv4, group, port, false, {kSources[1]}}));
+    ASSERT_TRUE(any.ConnectMulticast({CIM::IPv4, group, port, true, {}}));  // empty join list
+    EXPECT_THAT(
+        [&]() {
+            joined.ConnectMulticast({CIM::IPv4, group, port, true, {}});
+        },
+        testing::ThrowsMessage<boost::system::system_error>(testing::HasSubstr("open")));
+
+    // Every datagram a filter blocks is followed by one it lets through.
+    for (const auto& [source, text] : {std::pair(2, "a"), std::pair(1, "b"), std::pair(0, "c")}) {
+        m_senders[source].send_to(boost::asio::buffer(std::string(text)), to);
+        EXPECT_EQ(Read(any), text);
+    }
+    EXPECT_EQ(Read(joined, 2), "bc");
+    EXPECT_EQ(Read(except, 2), "ac");
+
+    // Its own datagram reaches the other namespace but not this one, where
+    // it would come before the next one from outside.
+    Enter(kTx);
+    CIM::TCCIMIpConnectionUdp remote(m_task.Get());
+    ASSERT_TRUE(remote.ConnectMulticast({CIM::IPv4, group, port, true, {}}));
+    Enter(kRx);
+    Completion sent;
+    any.SendData({'o', 'w', 'n'}, sent.Callback());
+    EXPECT_EQ(Read(remote), "own");
+    m_senders[0].send_to(boost::asio::buffer(std::string("d")), to);
+    EXPECT_EQ(Read(any), "d");
+
+    // Disconnect leaves the group, however it was joined.
+    EXPECT_TRUE(Joined(group));
+    for (CIM::TCCIMIpConnectionUdp* connection : {&joined, &except, &any}) {
+        connection->Disconnect();
+    }
+    EXPECT_FALSE(Joined(group));
+
+    // Bad input raises and leaves the object closed, or connected for
+    // Disconnect to clean up, partial membership included.
+    EXPECT_THROW(any.ConnectMulticast({CIM::IPv4, "239.10.5", port, false, {}}),
+                 boost::system::system_error);
+    EXPECT_THROW(any.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], "ten.0.0.1"}}),
+                 boost::system::system_error);
+    any.Disconnect();
+    EXPECT_FALSE(Joined(group));
+    EXPECT_TRUE(any.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0]}}));
 }
 
 }  // namespace
