@@ -8,7 +8,6 @@
 
 #include "TestSupport.h"
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>

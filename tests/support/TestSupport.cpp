@@ -1,10 +1,9 @@
 #include "TestSupport.h"
 
-#include <cimcore/testing.h>
-
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -14,14 +13,10 @@
 
 namespace cimtest {
 
-double TimeScale() {
-    const char* text = std::getenv("CIM_TEST_TIME_SCALE");
-    const double scale = text ? std::atof(text) : 1.0;
-    return scale >= 1.0 ? scale : 1.0;
-}
-
 std::chrono::milliseconds Scaled(std::chrono::milliseconds bound) {
-    return std::chrono::milliseconds(static_cast<long long>(bound.count() * TimeScale()));
+    const char* text = std::getenv("CIM_TEST_TIME_SCALE");
+    const double scale = std::max(text ? std::atof(text) : 1.0, 1.0);
+    return std::chrono::milliseconds(static_cast<long long>(bound.count() * scale));
 }
 
 void RunThreads(int count, const std::function<void(int)>& body) {
@@ -55,9 +50,7 @@ TempDir::~TempDir() {
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
@@ -133,13 +126,10 @@ std::vector<std::string> LogCapture::Messages() const {
 }
 
 size_t LogCapture::Count(const std::string& text) const {
-    size_t count = 0;
-    for (const std::string& line : Lines()) {
-        if (line.find(text) != std::string::npos) {
-            ++count;
-        }
-    }
-    return count;
+    const std::vector<std::string> lines = Lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    });
 }
 
 void LogCapture::Clear() {

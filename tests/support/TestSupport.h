@@ -19,7 +19,6 @@ namespace cimtest {
 
 // CIM_TEST_TIME_SCALE (default 1) stretches the generous upper bounds of
 // timing checks on slow machines; lower bounds are never stretched.
-double TimeScale();
 std::chrono::milliseconds Scaled(std::chrono::milliseconds bound);
 
 using Clock = std::chrono::steady_clock;

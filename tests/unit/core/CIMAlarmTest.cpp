@@ -9,12 +9,10 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <boost/asio/post.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/smart_ptr/bad_weak_ptr.hpp>
 #include <boost/weak_ptr.hpp>
@@ -32,18 +30,15 @@ using std::chrono::milliseconds;
 using Events = cimtest::Recorder<Clock::time_point>;
 
 // Runs `react` on each expiry, by default forwarding as the stack's observers do.
-class Observer : public CIM::TICIMAlarmObserver {
-public:
+struct Observer : CIM::TICIMAlarmObserver {
     explicit Observer(std::function<void(AlarmPtr)> react = [](AlarmPtr a) { a->RunHandler(); })
-        : m_react(std::move(react)) {}
+        : react(std::move(react)) {}
     void OnTimer(AlarmPtr alarm) override {
-        m_react(alarm);
+        react(alarm);
         expiries.Add(Clock::now());
     }
+    std::function<void(AlarmPtr)> react;
     Events expiries;
-
-private:
-    std::function<void(AlarmPtr)> m_react;
 };
 
 const auto kHold = [](AlarmPtr) {};  // never forwards
@@ -63,29 +58,27 @@ protected:
     Events m_callbacks;
 };
 
-TEST_F(CIMAlarmTest, ZeroAndNegativePeriodsFireOnceOnTheNextTurn) {
+// A period of 0 or less fires on the next turn of the loop, never inside
+// SetTimer; a restart makes the earlier expiry stale.
+TEST_F(CIMAlarmTest, OneShotFiresOnceAfterItsLastStart) {
+    Observer observer;
     size_t fired = 0;
     for (const int periodMs : {0, -5}) {
-        Observer observer;
         auto alarm = Create(&observer);
         cimtest::RunOnLoop(m_task, [&] {
             alarm->SetTimer(periodMs);
-            EXPECT_EQ(0u, observer.expiries.All().size()) << "fired inside SetTimer";
+            EXPECT_EQ(fired, observer.expiries.All().size()) << "fired inside SetTimer";
         });
         ASSERT_TRUE(m_callbacks.AwaitCount(++fired)) << periodMs;
         EXPECT_FALSE(alarm->IsActive());
-        EXPECT_EQ(1u, observer.expiries.All().size());
+        EXPECT_EQ(fired, observer.expiries.All().size());
     }
-}
-
-TEST_F(CIMAlarmTest, RestartMakesTheEarlierExpiryStale) {
-    Observer observer;
     auto alarm = Create(&observer);
     alarm->SetTimer(20);
     const Clock::time_point restart = Clock::now();
     alarm->SetTimer(120);
-    ASSERT_TRUE(m_callbacks.AwaitCount(1));
-    EXPECT_GE(m_callbacks.All()[0] - restart, milliseconds(120)) << "the first start fired";
+    ASSERT_TRUE(m_callbacks.AwaitCount(++fired));
+    EXPECT_GE(m_callbacks.All().back() - restart, milliseconds(120)) << "the first start fired";
 }
 
 TEST_F(CIMAlarmTest, StopBetweenExpiryAndRunHandlerCancelsTheCallback) {
@@ -199,29 +192,23 @@ TEST_F(CIMAlarmTest, AlarmsDroppedByManyThreadsWithRequestsInFlight) {
     std::vector<std::atomic<int>> calls(kThreads * kAlarms);
     std::vector<boost::weak_ptr<TCCIMAlarm>> alarms(kThreads * kAlarms);
     std::vector<char> stopped(kThreads * kAlarms, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kAlarms; ++i) {
-                const int k = t * kAlarms + i;
-                AlarmPtr alarm = TCCIMAlarm::CreateAlarm(
-                    &observer, m_task, [&calls, k] { ++calls[k]; }, ALARM_COUNT_ONCE, "a");
-                alarms[k] = alarm;
-                alarm->SetTimer(10000);  // replaced at once: its expiry is stale
-                alarm->SetTimer(i % 3);
-                if (i % 4 == 0) {
-                    stopped[k] = 1;
-                    alarm->StopTimer();
-                    if (i % 8 == 0) {
-                        alarm->Join();
-                    }
+    cimtest::RunThreads(kThreads, [&](int t) {
+        for (int i = 0; i < kAlarms; ++i) {
+            const int k = t * kAlarms + i;
+            AlarmPtr alarm = TCCIMAlarm::CreateAlarm(
+                &observer, m_task, [&calls, k] { ++calls[k]; }, ALARM_COUNT_ONCE, "a");
+            alarms[k] = alarm;
+            alarm->SetTimer(10000);  // replaced at once: its expiry is stale
+            alarm->SetTimer(i % 3);
+            if (i % 4 == 0) {
+                stopped[k] = 1;
+                alarm->StopTimer();
+                if (i % 8 == 0) {
+                    alarm->Join();
                 }
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     // Nothing repeats and the long timers were replaced: the loop drains.
     m_task->Join();
     for (int k = 0; k < kThreads * kAlarms; ++k) {

@@ -6,8 +6,10 @@
 #include "NetTestPeers.h"
 #include "TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <cstdio>
@@ -17,8 +19,12 @@
 
 namespace {
 
+using cimtest::Clock;
 using cimtest::Completion;
 using cimtest::Loopback;
+using cimtest::Scaled;
+using cimtest::Since;
+using std::chrono::milliseconds;
 
 TEST(CIMIpConnectionTypes, TextForms) {
     cimtest::LogCapture log;
@@ -37,11 +43,14 @@ TEST(CIMIpConnectionTypes, TextForms) {
 }
 
 // Before Connect, reads and sends call back with 103 before they return.
-// Each bad descriptor gives false and leaves the object closed, so the next
-// good Connect on it works, synchronous or not. A host name fails too: at
-// the socket options, set before any socket is opened (or earlier, where
-// nothing resolves it).
-TEST(CIMIpConnection, UnconnectedCallsAndBadInputLeaveTheObjectReusable) {
+// A failed Connect gives false and leaves the socket closed, so the next
+// good Connect on the object works: bad descriptors fail at once, with or
+// without a time-out (a host name at the socket options, set before any
+// socket is opened, or earlier, where nothing resolves it); a refused connect
+// as soon as its handler has run; a peer that never answers after the
+// time-out; and with the loop held up, so that the cancelled handler cannot
+// run, 3 s later, the handler then finding the promise gone.
+TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
     cimtest::LogCapture log;
     cimtest::TestTask task;
     CIM::TCCIMIpConnectionTcp tcp(task.Get());
@@ -54,19 +63,53 @@ TEST(CIMIpConnection, UnconnectedCallsAndBadInputLeaveTheObjectReusable) {
         EXPECT_EQ(completion->Wait().error.value(), 103);
     }
 
-    const std::tuple<CIM::EDestinationType, const char*, uint16_t> cases[] = {
-        {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234},
-        {CIM::IPv4, "300.1.2.3", 1234},
-        {CIM::IPv4, "127.0.0.1", 0},  // refused like a closed port
-        {CIM::HOSTNAME, "localhost", 1234}};
-    for (const auto& [type, destination, port] : cases) {
-        for (const unsigned char timeout : {0, 1}) {
-            SCOPED_TRACE(std::string(destination) + " " + std::to_string(timeout));
-            EXPECT_FALSE(tcp.Connect({type, destination, port, CIM::TCP, {}, {}}, timeout));
-            cimtest::EchoPeer<cimtest::ip::tcp> peer;
-            EXPECT_TRUE(tcp.Connect(Loopback(peer.Port(), CIM::TCP), 0));
-            tcp.Disconnect();
+    namespace ip = cimtest::ip;
+    // Bound, never listening: refuses.
+    const ip::tcp::socket refusing(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    // Never answers: its accept queue (backlog 0: one entry) is full, so the
+    // kernel drops further SYNs.
+    ip::tcp::acceptor silent(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    silent.listen(0);
+    ip::tcp::socket filler(cimtest::PeerContext());
+    filler.connect(silent.local_endpoint());
+    const uint16_t refused = refusing.local_endpoint().port(),
+                   unanswered = silent.local_endpoint().port();
+    const std::tuple<CIM::EDestinationType, const char*, uint16_t, unsigned char, bool, int,
+                     const char*>
+        cases[] = {
+            {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234, 0, false, 0, nullptr},
+            {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234, 1, false, 0, nullptr},
+            {CIM::IPv4, "300.1.2.3", 1234, 0, false, 0, nullptr},
+            {CIM::IPv4, "300.1.2.3", 1234, 1, false, 0, nullptr},
+            {CIM::IPv4, "127.0.0.1", 0, 0, false, 0, nullptr},  // refused like a closed port
+            {CIM::IPv4, "127.0.0.1", 0, 1, false, 0, nullptr},
+            {CIM::HOSTNAME, "localhost", 1234, 0, false, 0, nullptr},
+            {CIM::HOSTNAME, "localhost", 1234, 1, false, 0, nullptr},
+            {CIM::IPv4, "127.0.0.1", refused, 5, false, 0, ") > Set connection error[111]."},
+            {CIM::IPv4, "127.0.0.1", unanswered, 1, false, 1000, ") > Set connection error[125]."},
+            {CIM::IPv4, "127.0.0.1", unanswered, 1, true, 4000,
+             ") > Connection_handler after close."}};
+    for (const auto& [type, address, port, timeout, holdLoop, leastMs, logged] : cases) {
+        SCOPED_TRACE(std::string(address) + ":" + std::to_string(port) + " " +
+                     std::to_string(timeout));
+        log.Clear();
+        std::promise<void> release;
+        if (holdLoop) {
+            boost::asio::post(task.Get()->GetIoContext(),
+                              [held = release.get_future().share()]() { held.wait(); });
         }
+        const Clock::time_point start = Clock::now();
+        EXPECT_FALSE(tcp.Connect({type, address, port, CIM::TCP, {}, {}}, timeout));
+        EXPECT_GE(Since(start), milliseconds(leastMs));
+        EXPECT_LT(Since(start), milliseconds(leastMs) + Scaled(milliseconds(1000)));
+        release.set_value();
+        cimtest::RunOnLoop(task.Get());
+        if (logged) {
+            EXPECT_EQ(log.Count(logged), 1u);
+        }
+        cimtest::EchoPeer<cimtest::ip::tcp> peer;
+        EXPECT_TRUE(tcp.Connect(Loopback(peer.Port(), CIM::TCP), timeout));
+        tcp.Disconnect();
     }
 
     // Multicast only over IPv4, and a refusal opens no socket (a unicast
@@ -91,11 +134,16 @@ void RunLoopPast(const boost::shared_ptr<CIM::TCCIMTask>& task, std::chrono::mil
 }
 
 // Rounds of overlapping reads (with and without time-outs, some answered by
-// the peer, some timing out), then Disconnect or not, then destruction, all
-// on one task. Every callback comes exactly once, and no read alarm calls
-// into a connection that is gone (the sanitizer builds catch that).
+// the peer, some timing out, some with an alarm about to fire), then
+// Disconnect or not, then destruction, all on one task. The destructor
+// returns only when nothing of the connection is left on the loop: every
+// callback has come, exactly once, and no read alarm calls into a connection
+// that is gone (the sanitizer builds catch that). A connection destroyed
+// while connected logs `destroyedLog`: its Disconnect before the template's
+// destructor, which then finds nothing left to do.
 template <typename Connection, typename Protocol>
-void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
+void OverlappingReadsThenTearDown(int rounds, unsigned seed, const char* destroyedLog) {
+    cimtest::LogCapture log;
     cimtest::TestTask task;
     const CIM::EProtocolType protocol =
         std::is_same_v<Protocol, cimtest::ip::tcp> ? CIM::TCP : CIM::UDP;
@@ -109,6 +157,7 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
         std::list<Completion> completions;
         std::list<std::vector<uint8_t>> buffers;
         int longestMs = 0;
+        bool echoed = false;
         cimtest::EchoPeer<Protocol> peer;  // a TCP peer answers one connection
         {
             auto connection = std::make_unique<Connection>(task.Get());
@@ -128,13 +177,24 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
                 Completion sent;
                 connection->SendData({1, 2, 3}, sent.Callback());
                 sent.Wait();
+                echoed = true;
             }
+            log.Clear();
             if (plain ? round == 0 : random() % 2 == 0) {
                 connection->Disconnect();
             }
         }
-        for (Completion& completion : completions) {
-            completion.Wait();
+        // Aborted by the alarm or the close, at the end of the stream that
+        // the shutdown makes, or answered by the echo.
+        for (const Completion& completion : completions) {
+            ASSERT_EQ(completion.Calls(), 1);
+            const boost::system::error_code error = completion.All()[0].error;
+            EXPECT_TRUE(error == boost::asio::error::operation_aborted ||
+                        error == boost::asio::error::eof || (echoed && !error))
+                << error.message();
+        }
+        if (round == 1) {
+            EXPECT_THAT(cimtest::ReadFile(log.Path()), testing::ContainsRegex(destroyedLog));
         }
         RunLoopPast(task.Get(), std::chrono::milliseconds(longestMs + 20));
         for (const Completion& completion : completions) {
@@ -143,14 +203,19 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed) {
     }
 }
 
-TEST(CIMIpConnection, OverlappingTimedReadsNeverOutliveTheConnection) {
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(2, 1);
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(2, 1);
-}
-
 TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(150, 7);
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(150, 11);
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(
+        150, 7,
+        R"(~TCCIMIpConnectionTcp\(17\) > .*t_connected \[true\])"
+        R"(.*unlock t_connected \[false\].*)"
+        R"(~TCCIMIpConnectionTcp\(19\) > done.*)"
+        R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(
+        150, 11,
+        R"(~TCCIMIpConnectionUdp\(61\) > .*t_connected \[true\])"
+        R"(.*unlock t_connected \[false\].*)"
+        R"(~TCCIMIpConnectionUdp\(63\) > done.*)"
+        R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
 }
 
 // A ConnectMulticast that fails after the socket was marked connected leaves

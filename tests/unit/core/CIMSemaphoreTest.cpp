@@ -15,8 +15,7 @@ using CIM::TCCIMSemaphore;
 // Starts below zero: waiters pass only once the debt is paid, and each give
 // lets exactly one through.
 TEST(CIMSemaphoreTest, DebtFirstThenOneWaiterPerGive) {
-    TCCIMSemaphore gate(-1);
-    TCCIMSemaphore released(0);
+    TCCIMSemaphore gate(-1), released(0);
     std::atomic<int> passed{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i) {
