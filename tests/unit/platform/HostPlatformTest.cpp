@@ -1,9 +1,7 @@
 // The host platform seam: log line format and destinations, tag switching,
 // refusal injection, and the library's one logging helper on top of it.
 #include "dlog.h"
-#include "dlog_switch.h"
 #include "debug_menu.h"
-#include "cim_api.h"
 
 #include <cimcore/internal/CIMLog.h>
 
@@ -12,16 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <functional>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -47,95 +39,62 @@ std::string Stamp(const struct timeval& moment) {
     return text;
 }
 
-// Runs `body` with the log on standard error and standard error on `fd`.
-void OnStandardError(int fd, const std::function<void()>& body) {
-    cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
-    const int savedStderr = ::dup(STDERR_FILENO);
-    ASSERT_GE(savedStderr, 0);
-    ::dup2(fd, STDERR_FILENO);
-    body();
-    ::dup2(savedStderr, STDERR_FILENO);
-    ::close(savedStderr);
-}
-
-// Every byte of the lines, to a file and to standard error: the helper's
-// short and long messages (across every buffer size inside), %-signs in
-// arguments, negative line numbers, a dropped trailing line feed; the
-// platform's own lines at every priority, and a forked child's with its ids.
-TEST(LogHelper, LinesKeepTheirExactBytesInAFileAndOnStandardError) {
+// Every byte of the lines in a new file: the helper's short and long
+// messages (across every buffer size inside), %-signs in arguments, negative
+// line numbers, a dropped trailing line feed; the platform's own lines at
+// every priority, and a forked child's with its ids.
+TEST(LogHelper, LinesKeepTheirExactBytesInAFile) {
     const std::string longFile(800, 'f');
     std::vector<std::string> expected;  // after the stamp, with the line end
     const std::string ids = Ids(::getpid(), ::gettid());
+    cimtest::LogCapture log;
     struct timeval before, after;
-    auto logAll = [&] {
-        expected.clear();
-        ::gettimeofday(&before, nullptr);
-        CIM::Log::Info("Some.cpp", "Func", 12, "value %d", 7);
-        expected.push_back("I/CI_CORE" + ids + "Some.cpp: Func(12) > value 7\n");
-        CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
-        expected.push_back("E/CI_CORE" + ids + "Other.cpp: ~Other(3) > \n");
-        CIM::Log::Info("Pct.cpp", "Pct", -37, "100%% of [%s]", "%s%d%n%%");
-        expected.push_back("I/CI_CORE" + ids + "Pct.cpp: Pct(-37) > 100% of [%s%d%n%%]\n");
-        CIM::Log::Error("Feed.cpp", "Feed", 0, "ends with line feed\n");
-        expected.push_back("E/CI_CORE" + ids + "Feed.cpp: Feed(0) > ends with line feed\n");
-        for (size_t size : {745, 746, 747, 748, 749, 893, 894, 895, 896, 897, 5000, 70000}) {
-            const std::string text(size, char('a' + size % 26));
-            CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", text.c_str());
-            expected.push_back("W/CI_CORE" + ids + "Long.cpp: Long(1) > " + text + "\n");
-        }
-        CIM::Log::Info(longFile.c_str(), "F", 2, "%d%%", 50);
-        expected.push_back("I/CI_CORE" + ids + longFile + ": F(2) > 50%\n");
-        const int priorities[] = {DLOG_VERBOSE, DLOG_DEBUG, DLOG_INFO, DLOG_WARN,
-                                  DLOG_ERROR,   DLOG_FATAL, 0,         42};
-        for (size_t i = 0; i < 8; ++i) {
-            EXPECT_GT(__dlog_print(LOG_ID_MAIN, priorities[i], "T_TAG", "value %d", priorities[i]),
-                      0);
-            expected.push_back(std::string(1, "VDIWEF??"[i]) + "/T_TAG" + ids + "value " +
-                               std::to_string(priorities[i]) + "\n");
-        }
-        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "ends with line feed\n");
-        expected.push_back("I/T_TAG" + ids + "ends with line feed\n");
-        const pid_t child = ::fork();
-        if (child == 0) {
-            __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "from the child");
-            ::_exit(0);
-        }
-        ASSERT_GT(child, 0);
-        ::waitpid(child, nullptr, 0);
-        expected.push_back("I/T_TAG" + Ids(child, child) + "from the child\n");
-        ::gettimeofday(&after, nullptr);
-    };
-    auto check = [&](const std::string& content) {
-        const std::string first = Stamp(before), last = Stamp(after);
-        size_t at = 0;
-        for (const std::string& rest : expected) {
-            ASSERT_LE(at + kStampLength + rest.size(), content.size()) << rest.substr(0, 60);
-            const std::string stamp = content.substr(at, kStampLength - 1);
-            EXPECT_TRUE(std::regex_search(content.substr(at, kStampLength), kStamp)) << stamp;
-            EXPECT_LE(first, stamp);
-            EXPECT_LE(stamp, last);
-            EXPECT_EQ(content.substr(at + kStampLength, rest.size()), rest);
-            at += kStampLength + rest.size();
-        }
-        EXPECT_EQ(at, content.size());
-    };
-    {
-        cimtest::LogCapture log;
-        logAll();
-        check(cimtest::ReadFile(log.Path()));
-        struct stat info;
-        ASSERT_EQ(::stat(log.Path().c_str(), &info), 0);
-        EXPECT_EQ(info.st_mode & 0777, 0644u);
+    ::gettimeofday(&before, nullptr);
+    CIM::Log::Error("Other.cpp", "~Other", 3, "%s", "");
+    expected.push_back("E/CI_CORE" + ids + "Other.cpp: ~Other(3) > \n");
+    CIM::Log::Info("Pct.cpp", "Pct", -37, "100%% of [%s]", "%s%d%n%%");
+    expected.push_back("I/CI_CORE" + ids + "Pct.cpp: Pct(-37) > 100% of [%s%d%n%%]\n");
+    for (size_t size : {745, 746, 747, 748, 749, 893, 894, 895, 896, 897, 5000, 70000}) {
+        const std::string text(size, char('a' + size % 26));
+        CIM::Log::Write(5, "Long.cpp", "Long", 1, "%s", text.c_str());
+        expected.push_back("W/CI_CORE" + ids + "Long.cpp: Long(1) > " + text + "\n");
     }
-    cimtest::TempDir dir;
-    const int errFd = ::open(dir.File("stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    ASSERT_GE(errFd, 0);
-    OnStandardError(errFd, logAll);
-    ::close(errFd);
-    check(cimtest::ReadFile(dir.File("stderr")));
-
-    EXPECT_EQ(CIM::ToString(true), "true");
-    EXPECT_EQ(CIM::ToString(false), "false");
+    CIM::Log::Info(longFile.c_str(), "F", 2, "%d%%", 50);
+    expected.push_back("I/CI_CORE" + ids + longFile + ": F(2) > 50%\n");
+    const int priorities[] = {DLOG_VERBOSE, DLOG_DEBUG, DLOG_INFO, DLOG_WARN,
+                              DLOG_ERROR,   DLOG_FATAL, 0,         42};
+    for (size_t i = 0; i < 8; ++i) {
+        EXPECT_GT(__dlog_print(LOG_ID_MAIN, priorities[i], "T_TAG", "value %d", priorities[i]), 0);
+        expected.push_back(std::string(1, "VDIWEF??"[i]) + "/T_TAG" + ids + "value " +
+                           std::to_string(priorities[i]) + "\n");
+    }
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "ends with line feed\n");
+    expected.push_back("I/T_TAG" + ids + "ends with line feed\n");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_TAG", "from the child");
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    ::waitpid(child, nullptr, 0);
+    expected.push_back("I/T_TAG" + Ids(child, child) + "from the child\n");
+    ::gettimeofday(&after, nullptr);
+    const std::string content = cimtest::ReadFile(log.Path());
+    const std::string first = Stamp(before), last = Stamp(after);
+    size_t at = 0;
+    for (const std::string& rest : expected) {
+        ASSERT_LE(at + kStampLength + rest.size(), content.size()) << rest.substr(0, 60);
+        const std::string stamp = content.substr(at, kStampLength - 1);
+        EXPECT_TRUE(std::regex_search(content.substr(at, kStampLength), kStamp)) << stamp;
+        EXPECT_LE(first, stamp);
+        EXPECT_LE(stamp, last);
+        EXPECT_EQ(content.substr(at + kStampLength, rest.size()), rest);
+        at += kStampLength + rest.size();
+    }
+    EXPECT_EQ(at, content.size());
+    struct stat info;
+    ASSERT_EQ(::stat(log.Path().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0644u);
 }
 
 // The helper asks before it formats, and the platform drops what the helper
@@ -149,7 +108,6 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     int next = 0;
     std::vector<std::string> written;
     auto lineIf = [&](bool on) {
-        EXPECT_EQ(CIM::Log::IsOn(), on) << "before line " << next;
         if (on) {
             written.push_back("Gate.cpp: Gate(1) > " + std::to_string(next));
             written.push_back("raw " + std::to_string(next));
@@ -166,15 +124,9 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     lineIf(true);
     ASSERT_EQ(stopdlogtagbydefault("CI_CORE"), 0);
     lineIf(false);
-    ASSERT_EQ(startdlogtagbydefault("T_OTHER"), 0);
-    lineIf(false);
     cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
     ASSERT_EQ(startdlogtagbydefault("CI_CORE"), 0);
     lineIf(false);  // still "none"
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
-    lineIf(true);
-    cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "none");
-    lineIf(false);
     cimhost::SetSetting(EHostSetting::LOG_OUTPUT, toFile);
     lineIf(true);
     EXPECT_EQ(startdlogtagbydefault(nullptr), -1);
@@ -184,56 +136,38 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
         EXPECT_EQ(stopdlogtagbydefault("CI_CORE"), -1);  // refused: stays on
         EXPECT_EQ(startdlogtagbydefault("T_A"), -1);
         EXPECT_EQ(stopdlogtagbydefault("CI_COR"), 0);  // a prefix of a listed tag is not listed
-        EXPECT_EQ(startdlogtagbydefault("CI_COR"), 0);
         lineIf(true);
     }
-    // The platform's word for a tag: one per tag, following its switches.
-    const int* word = cim_dlog_tag_switch("T_WORD");
-    EXPECT_EQ(cim_dlog_tag_switch("T_WORD"), word);
-    EXPECT_NE(*word, 0);
-    ASSERT_EQ(stopdlogtagbydefault("T_WORD"), 0);
-    EXPECT_EQ(*word, 0);
-    ASSERT_EQ(startdlogtagbydefault("T_WORD"), 0);
-    EXPECT_NE(*word, 0);
     EXPECT_EQ(log.Messages(), written);
     cimhost::SetSetting(EHostSetting::LOG_OUTPUT, "file:" + log.Path() + ".d/missing");
     EXPECT_LT(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_DEST", "nowhere"), 0);
 
     // Tag and destination (two files and "none") switched while threads log,
-    // through the helper and straight: no race, and only whole lines.
+    // through the helper: no race, and only whole lines.
     log.Clear();
     const std::string second = log.Path() + ".2";
     std::atomic<bool> stop(false);
     std::atomic<long> logged(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([t, &stop, &logged] {
-            for (int i = 0; !stop; ++i, ++logged) {
-                if (t == 1) {
-                    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "CI_CORE", "Gate.cpp: Gate(2) > %d:%d:end",
-                                 t, i);
-                } else {
-                    CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
-                }
+    cimtest::RunThreads(4, [&](int t) {
+        for (int i = 0; t < 3 && !stop; ++i, ++logged) {
+            CIM::Log::Info("Gate.cpp", "Gate", 2, "%d:%d:end", t, i);
+        }
+        for (int round = 0; t == 3 && round < 300; ++round) {
+            const int step = round % 5;  // ends on step 4: the first file, tag on
+            if (step < 2) {
+                (step == 0 ? stopdlogtagbydefault : startdlogtagbydefault)("CI_CORE");
+            } else {
+                cimhost::SetSetting(EHostSetting::LOG_OUTPUT, step == 2   ? "none"
+                                                              : step == 3 ? "file:" + second
+                                                                          : toFile);
             }
-        });
-    }
-    for (int round = 0; round < 300; ++round) {
-        const int step = round % 5;  // ends on step 4: the first file, tag on
-        if (step < 2) {
-            (step == 0 ? stopdlogtagbydefault : startdlogtagbydefault)("CI_CORE");
-        } else {
-            cimhost::SetSetting(EHostSetting::LOG_OUTPUT, step == 2   ? "none"
-                                                          : step == 3 ? "file:" + second
-                                                                      : toFile);
+            // A few lines under each state before the next switch.
+            for (const long seen = logged; logged < seen + 3;) {
+                std::this_thread::yield();
+            }
         }
-        // A few lines under each state before the next switch.
-        for (const long seen = logged; logged < seen + 3;) {
-            std::this_thread::yield();
-        }
-    }
-    stop = true;
-    cimtest::JoinAll(threads);
+        stop = stop || t == 3;
+    });
     CIM::Log::Info("Gate.cpp", "Gate", 3, "last");
     std::vector<std::string> messages = log.Messages();
     ASSERT_FALSE(messages.empty());
@@ -242,7 +176,6 @@ TEST(LogHelper, StoppedTagOrNoOutputWritesNothingUntilSwitchedBack) {
     for (const std::string& line : cimtest::SplitLines(cimtest::ReadFile(second))) {
         messages.push_back(cimtest::MessageOf(line));
     }
-    EXPECT_FALSE(messages.empty());
     const std::regex whole(R"(^Gate\.cpp: Gate\(2\) > \d:\d+:end$)");
     for (const std::string& message : messages) {
         ASSERT_TRUE(std::regex_match(message, whole)) << message;
@@ -262,14 +195,19 @@ TEST(HostLog, LongLinesOnAStandardErrorPipeStayWhole) {
             received.append(chunk, size_t(got));
         }
     });
-    OnStandardError(pipeFds[1], [] {
+    {
+        cimtest::ScopedHostSetting toStderr(cimhost::EHostSetting::LOG_OUTPUT, "stderr");
+        const int savedStderr = ::dup(STDERR_FILENO);
+        ::dup2(pipeFds[1], STDERR_FILENO);
         cimtest::RunThreads(8, [](int t) {
             const std::string payload(t < 6 ? 5000 : 65536, char('a' + t));
             for (int i = 0; i < (t < 6 ? 100 : 10); ++i) {
                 __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_PIPE", "%d|%d|%s|", t, i, payload.c_str());
             }
         });
-    });
+        ::dup2(savedStderr, STDERR_FILENO);
+        ::close(savedStderr);
+    }
     ::close(pipeFds[1]);
     reader.join();
     ::close(pipeFds[0]);
@@ -295,14 +233,15 @@ TEST(HostLog, RotatedFileIsReopenedWithoutLosingALine) {
     const std::string rotated = log.Path() + ".1";
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "0");
     ASSERT_EQ(::rename(log.Path().c_str(), rotated.c_str()), 0);
-    const auto deadline =
-        std::chrono::steady_clock::now() + cimtest::Scaled(std::chrono::seconds(3));
     int next = 1;
-    while (!cimtest::Exists(log.Path()) && std::chrono::steady_clock::now() < deadline) {
-        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pacing, not a hand-over
-    }
-    ASSERT_TRUE(cimtest::Exists(log.Path())) << "still writing into the renamed file";
+    ASSERT_TRUE(cimtest::WaitUntil(
+        [&] {
+            __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pacing, not a hand-over
+            return cimtest::Exists(log.Path());
+        },
+        std::chrono::seconds(3)))
+        << "still writing into the renamed file";
     __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T_ROT", "%d", next++);
     std::vector<std::string> messages;
     for (const std::string& path : {rotated, log.Path()}) {
