@@ -62,6 +62,9 @@ TEST_F(LogctlTest, EachCommandChangesAndSavesWhatItSays) {
         {"all on", 0, all, "*"},
         {"all off", 0, "", "*"},
         {"toggle-all", 0, all, "*"},  // "CI_API" was off
+        {"off CI_API", 0, all.substr(7), "*"},
+        {"toggle-all", 0, all, "*"},  // "CI_API" alone decides
+        {"toggle-all", 0, "", "*"},
     };
     for (const Step& step : steps) {
         SCOPED_TRACE(step.arguments);
