@@ -2,7 +2,6 @@
 #include "TestSupport.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,9 +14,8 @@ namespace {
 using ::testing::HasSubstr;
 
 struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
+    int status;
+    std::string out, err;
 };
 
 class LogctlTest : public ::testing::Test {
@@ -25,12 +23,12 @@ protected:
     // Without CIM_LOG_OUTPUT the tool keeps the library's log quiet.
     LogctlTest() { ::unsetenv("CIM_LOG_OUTPUT"); }
 
-    Result Run(const std::string& arguments) { return RunOn(m_file, arguments); }
     // The exit status is -1 when the tool did not exit (killed, aborted).
-    Result RunOn(const std::string& file, const std::string& arguments) {
+    Result Run(const std::string& arguments, const std::string& file = "") {
         const std::string out = m_dir.File("stdout"), err = m_dir.File("stderr");
-        const int status = std::system((std::string(CIM_LOGCTL_PATH) + " --file " + file + " " +
-                                        arguments + " >" + out + " 2>" + err)
+        const int status = std::system((std::string(CIM_LOGCTL_PATH) + " --file " +
+                                        (file.empty() ? m_file : file) + " " + arguments + " >" +
+                                        out + " 2>" + err)
                                            .c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, cimtest::ReadFile(out),
                 cimtest::ReadFile(err)};
@@ -44,11 +42,11 @@ TEST_F(LogctlTest, EachCommandChangesAndSavesWhatItSays) {
     const std::string all =
         "CI_API CI_APPLICATION CI_CAM CI_CAM_IMPL CI_CORE CI_DAEMON CI_MODULE CI_PVRCIP "
         "CI_TRUST_APP";
+    // The file afterwards, and standard output unless "*".
     struct Step {
         std::string arguments;
         int status;
-        std::string file;  // afterwards
-        std::string out;   // "*": not compared
+        std::string file, out;
     };
     const Step steps[] = {
         {"on CI_MODULE", 0, "CI_MODULE", "CI_MODULE       OFF -> ON\n"},
@@ -93,7 +91,6 @@ TEST_F(LogctlTest, UsageErrorsExitWithTwoAndOneLineOnStandardError) {
     const Result help = Run("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_LE(std::count(help.out.begin(), help.out.end(), '\n'), 24);
-    EXPECT_THAT(help.out, HasSubstr("toggle-all"));
 }
 
 // Four runs at once on one file, switching different tags: every run sees a
@@ -115,7 +112,7 @@ TEST_F(LogctlTest, ConcurrentRunsTakeTurnsAndUnreadablePathsListAllOff) {
         EXPECT_EQ(cimtest::ReadFile(m_file), on ? "CI_API CI_APPLICATION CI_CAM CI_CAM_IMPL" : "");
     }
 
-    const Result folder = RunOn(m_dir.Path(), "list");
+    const Result folder = Run("list", m_dir.Path());
     EXPECT_EQ(folder.status, 0);
     EXPECT_EQ(std::count(folder.out.begin(), folder.out.end(), '\n'), 9) << folder.out;
     EXPECT_EQ(folder.out.find(" ON\n"), std::string::npos) << folder.out;
