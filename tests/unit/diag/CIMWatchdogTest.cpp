@@ -59,6 +59,7 @@ public:
 // receiver sends the next: many short sync sends.
 struct Ring {
     struct Member : TCHandler {
+        Member(Ring* ring, size_t next) : ring(ring), next(next) {}
         bool t_OnEvent(const TSEvent* event) override {
             if (event->type == kStart && !ring->stop) {
                 if (!ring->token) {
@@ -71,17 +72,15 @@ struct Ring {
             }
             return true;
         }
-        Ring* ring;
-        size_t next;  // index of the member it calls
+        Ring* const ring;
+        const size_t next;  // index of the member it calls
     };
 
     Ring(size_t size, bool token) : tasks(size), allStarted(unsigned(size)), token(token) {
         for (size_t i = 0; i < size; ++i) {
             const std::string name = "ring" + std::to_string(size) + "-" + std::to_string(i);
             EXPECT_TRUE(tasks[i].Create(name.c_str(), 0, 0, 0));
-            members.emplace_back(new Member);
-            members[i]->ring = this;
-            members[i]->next = (i + 1) % size;
+            members.emplace_back(new Member(this, (i + 1) % size));
             EXPECT_TRUE(members[i]->Create(&tasks[i]));
         }
         for (size_t i = 0; i < (token ? 1 : size); ++i) {
