@@ -78,10 +78,6 @@ TEST_F(LogctlTest, EachCommandChangesAndSavesWhatItSays) {
         EXPECT_EQ(step.status == 2 ? result.out : result.err, "");
         EXPECT_EQ(cimtest::ReadFile(m_file), step.file);
     }
-    // --help fits on one screen.
-    const Result help = Run("--help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_LE(std::count(help.out.begin(), help.out.end(), '\n'), 24);
 }
 
 // Four runs at once on one file, switching different tags: every run sees a

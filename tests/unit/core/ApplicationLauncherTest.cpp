@@ -102,7 +102,6 @@ TEST_F(LauncherTest, FailuresGiveTheDocumentedResultsAndLines) {
           {at + "AddParameter(76)" + notSet, first, at + "LaunchApplication(101)" + notSet,
            at + "~ApplicationLauncher(56)" + notSet});
     check("add", "cim.test.app", false, true, {first, ok});
-    check("appid", "cim.test.app", true, false, {first});
     check("send", "cim.test.app", true, false, {first});
     check("destroy", "cim.test.app", true, true,
           {first, ok, at + "~ApplicationLauncher(51) > Error during destroying service data"});
