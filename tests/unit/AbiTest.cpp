@@ -18,19 +18,13 @@ namespace {
 template <typename MemberFunction>
 int Slot(MemberFunction function) {
     static_assert(sizeof(function) == 2 * sizeof(void*), "pointer and adjustment");
-    struct {
-        std::uintptr_t pointer;
-        std::ptrdiff_t adjustment;
-    } raw;
-    std::memcpy(&raw, &function, sizeof raw);
+    std::uintptr_t raw[2];  // the pointer, then the this-adjustment
+    std::memcpy(raw, &function, sizeof raw);
 #if defined(__arm__) || defined(__aarch64__)
-    const bool isVirtual = (raw.adjustment & 1) != 0;
-    const std::uintptr_t offset = raw.pointer;
+    return (raw[1] & 1) != 0 ? static_cast<int>(raw[0] / sizeof(void*)) : -1;
 #else
-    const bool isVirtual = (raw.pointer & 1) != 0;
-    const std::uintptr_t offset = raw.pointer - 1;
+    return (raw[0] & 1) != 0 ? static_cast<int>((raw[0] - 1) / sizeof(void*)) : -1;
 #endif
-    return isVirtual ? static_cast<int>(offset / sizeof(void*)) : -1;
 }
 
 // One virtual more than Base: its slot is the number of slots Base has, so a
@@ -89,6 +83,13 @@ struct ConnectionProbe : Connection {
     using Connection::t_UnlockAlarmObserverSafe;
 };
 
+template <typename Probe>
+Seq ConnectionSlots() {
+    return Slots<Probe>(&Probe::Connect, &Probe::IsConnected, &Probe::t_SocketSynchronousWrite,
+                        &Probe::t_SocketAsynchronousRead, &Probe::t_CreateProtocol,
+                        &Probe::t_LockAlarmObserverSafe, &Probe::t_UnlockAlarmObserverSafe);
+}
+
 // A virtual destructor takes two slots (complete and deleting).
 TEST(Abi, LegacyRuntimeVirtualsAreInTheirSlots) {
     // Destructor, deleting destructor, Destroy.
@@ -140,17 +141,9 @@ TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
 
     // After the interface's nine: the transport hooks, then the observer's
     // lock and unlock, which override the private base's.
-    const auto checkConnection = [](auto probe, const char* name) {
-        using Probe = typename decltype(probe)::type;
-        SCOPED_TRACE(name);
-        EXPECT_EQ(
-            Slots<Probe>(&Probe::Connect, &Probe::IsConnected, &Probe::t_SocketSynchronousWrite,
-                         &Probe::t_SocketAsynchronousRead, &Probe::t_CreateProtocol,
-                         &Probe::t_LockAlarmObserverSafe, &Probe::t_UnlockAlarmObserverSafe),
-            Seq({2, 8, 9, 10, 11, 12, 13, 14}));
-    };
-    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionTcp>>(), "TCP");
-    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), "UDP");
+    const Seq connection({2, 8, 9, 10, 11, 12, 13, 14});
+    EXPECT_EQ(ConnectionSlots<ConnectionProbe<CIM::TCCIMIpConnectionTcp>>(), connection);
+    EXPECT_EQ(ConnectionSlots<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), connection);
 }
 
 // Classes without virtual operations stay so: a vtable pointer would shift
