@@ -25,16 +25,7 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThreadAndDropQueuedEvents)
     CountingAlarm alarms[2];  // without end (waiting a period), exhausted (waiting for a reset)
     ASSERT_TRUE(alarms[0].Create(&task, 10, 4294967295ul));
     ASSERT_TRUE(alarms[1].Create(&task, 10, 0));
-    auto queueAlarmEvents = [&alarms] {
-        for (TCAlarm& alarm : alarms) {
-            ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
-        }
-    };
-    auto resetAll = [&alarms] {
-        for (TCAlarm& alarm : alarms) {
-            alarm.Reset(15, 3);
-        }
-    };
+    auto resetAll = [&alarms] { alarms[0].Reset(15, 3), alarms[1].Reset(15, 3); };
     task.onUser = [&resetAll](const TSEvent*) { resetAll(); };
     auto promptly = [](auto action) {
         std::this_thread::sleep_for(50ms);  // several periods run out; nothing to wait for
@@ -44,18 +35,14 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThreadAndDropQueuedEvents)
     };
     promptly([&] { EXPECT_TRUE(SendTo(&task, EVENT_USER, true)); });  // on the task's thread
     task.Hold();  // alarm events queued from here wait
-    queueAlarmEvents();
+    ASSERT_TRUE(SendTo(&alarms[0], EVENT_ALARM, false));
     ASSERT_TRUE(SendTo(&task, EVENT_PING, false));
     promptly(resetAll);
     unsigned int left = 0;
     EXPECT_FALSE(task.Find(&alarms[0], &left));
     EXPECT_TRUE(task.Find(&task, &left)) << "Reset removed a foreign event";
-    queueAlarmEvents();
-    promptly([&] {
-        for (TCAlarm& alarm : alarms) {
-            alarm.Destroy();
-        }
-    });
+    ASSERT_TRUE(SendTo(&alarms[1], EVENT_ALARM, false));
+    promptly([&alarms] { alarms[0].Destroy(), alarms[1].Destroy(); });
     task.Open();
     ASSERT_TRUE(SendTo(&task, EVENT_PING, true));  // runs after what is queued
     // Neither queued by an alarm thread (it never sends) nor kept by Reset or Destroy.
@@ -71,9 +58,15 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThreadAndDropQueuedEvents)
 
 // Before, the hook, after: a before that answers true stands in for the hook;
 // the function setters replace what the raw pointers bound, or clear it.
-TEST_F(AlarmTest, CallbacksSurroundTheHook) {
+TEST_F(AlarmTest, CallbacksSurroundTheHookAndTheThreadIsNamedAfterItsCreator) {
     CountingAlarm alarm;
-    ASSERT_TRUE(alarm.Create(&task, 1000, 1));
+    std::thread([&] {
+        ASSERT_EQ(prctl(PR_SET_NAME, "thirteenchars", 0, 0, 0), 0);
+        ASSERT_TRUE(alarm.Create(&task, 1000, 1));
+    }).join();
+    ASSERT_TRUE(alarm.FlagCreate());
+    EXPECT_STREQ(alarm.Name(), "TCAlarm:thirtee");
+
     Calls calls;
     EXPECT_FALSE(alarm.SetEventCallback(1, Before, After, &calls));
     ASSERT_TRUE(alarm.SetEventCallback(EVENT_ALARM, Before, After, &calls));
@@ -116,17 +109,6 @@ TEST_F(AlarmTest, StateAlarmSendsStateEventsAndPeriodAndCountAre32BitWithAFloor)
     alarm.Reset(static_cast<unsigned long>((uint64_t(1) << 32) + 5), 0);
     EXPECT_EQ(alarm.Period(), 10u);
     EXPECT_EQ(alarm.Count(), 0u);
-    alarm.Destroy();
-}
-
-TEST_F(AlarmTest, ThreadIsNamedAfterTheCreatingThreadCutTo15Characters) {
-    TCAlarm alarm;
-    std::thread([&] {
-        ASSERT_EQ(prctl(PR_SET_NAME, "thirteenchars", 0, 0, 0), 0);
-        ASSERT_TRUE(alarm.Create(&task, 1000, 1));
-    }).join();
-    ASSERT_TRUE(alarm.FlagCreate());
-    EXPECT_STREQ(alarm.Name(), "TCAlarm:thirtee");
     alarm.Destroy();
 }
 

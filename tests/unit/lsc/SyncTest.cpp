@@ -88,23 +88,16 @@ TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(SyncTest, EntriesAreReusedLowestFirstAndASecondInitKeepsThem) {
+TEST_F(SyncTest, ASecondInitKeepsTheTableAndItsEntries) {
     TCSyncDet::PTSyncDetInfo info{};
-    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        ASSERT_EQ(TCSyncDet::Add(&info), i);
-    }
-    EXPECT_EQ(TCSyncDet::Remove(40), 0);
-    EXPECT_EQ(TCSyncDet::Remove(3), 0);
-    EXPECT_EQ(TCSyncDet::Add(&info), 3);
-    EXPECT_EQ(TCSyncDet::Add(&info), 40);
-
+    ASSERT_EQ(TCSyncDet::Add(&info), 0);
     TCSyncDet::PTSyncDetInfo* const table = TCSyncDet::m_arrPCSyncDet;
     AssertRecorder recorder;
     EXPECT_TRUE(LegacyCoreExport::Init());
     EXPECT_FALSE(TCSyncDet::Create());
     EXPECT_EQ(recorder.Expressions(), (std::vector<std::string>{"!FlagCreate()", "!FlagCreate()"}));
     EXPECT_EQ(TCSyncDet::m_arrPCSyncDet, table);
-    EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
+    EXPECT_EQ(SyncEntries(), 1);
 }
 
 }  // namespace
