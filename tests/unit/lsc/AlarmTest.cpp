@@ -92,17 +92,13 @@ TEST_F(AlarmTest, CallbacksSurroundTheHookAndTheThreadIsNamedAfterItsCreator) {
 
 // Period and count are cut to 32 bits, then the period is floored at 10 ms.
 TEST_F(AlarmTest, StateAlarmSendsStateEventsAndPeriodAndCountAre32BitWithAFloor) {
-    struct ExposedStateAlarm : TCStateAlarm {
-        using TCStateAlarm::t_OnAlarm;
-    } alarm;
+    TCStateAlarm alarm;
     ASSERT_TRUE(alarm.Create(&task, 42, 11, -1));  // a negative count is "no end"
     EXPECT_EQ(alarm.Period(), 11u);
     EXPECT_EQ(alarm.Count(), TCAlarm::kNoEnd);
     // The state event is queued while the alarm event runs, so a ping sent
-    // afterwards runs after it. The hook answers false either way.
+    // afterwards runs after it.
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
-    TSEvent event = MakeEvent(&alarm, 7);
-    EXPECT_FALSE(alarm.t_OnAlarm(&event));
     ASSERT_TRUE(SendTo(&task, EVENT_PING, true));
     EXPECT_EQ(task.executed[42], 1);
 

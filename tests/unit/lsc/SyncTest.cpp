@@ -52,7 +52,6 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
 
     start(kSenders - 1);
     EXPECT_TRUE(WaitUntil([&log] { return log.Contains("### TCSyncDet::Add() failed"); }));
-    EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
     task.Open();
     JoinAll(threads);
     EXPECT_EQ(completed, kSenders);

@@ -70,19 +70,25 @@ TEST(SemaphoreTest, TryZeroWaitsTimedTryEndsAndAnOvertakenTryWaitsAgain) {
     semaphore.Destroy();
 }
 
-TEST(ThreadTest, RunsNamedAndCannotDestroyItself) {
+// Priority 2 is nice 10; a priority outside 0 to 2 is refused.
+TEST(ThreadTest, RunsNamedWithItsPriorityAndCannotDestroyItself) {
     LogCapture log;
     AssertRecorder recorder;
     char kernelName[17] = {};
     bool destroyedItself = true;
-    std::promise<void> refused;
+    std::promise<void> refused, release;
     BodyThread thread([&] {
         prctl(PR_GET_NAME, kernelName, 0, 0, 0);
         destroyedItself = thread.Destroy();
         refused.set_value();
+        release.get_future().wait();
     });
     ASSERT_TRUE(thread.Create("a-name-of-20-chars!!", 256 * 1024));
+    EXPECT_TRUE(thread.SetPriority(2));  // waits for the kernel id itself
+    EXPECT_FALSE(thread.SetPriority(3));
+    EXPECT_EQ(getpriority(PRIO_PROCESS, id_t(thread.Tid())), 10);
     refused.get_future().wait();
+    release.set_value();
     EXPECT_FALSE(destroyedItself);
     EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"TCThreadSelf::Id() != Id()"});
     // Repository-relative, without extension, whatever the build machine.
@@ -90,18 +96,6 @@ TEST(ThreadTest, RunsNamedAndCannotDestroyItself) {
     EXPECT_EQ(log.Count("> Assert Error : Current Thread can't destroy itself"), 1u);
     EXPECT_STREQ(kernelName, "a-name-of-20-ch");
     EXPECT_TRUE(thread.Destroy()) << "the refused Destroy left the thread created";
-}
-
-// Priority 2 is nice 10; a priority outside 0 to 2 is refused.
-TEST(ThreadTest, SetPriorityMapsToNiceValues) {
-    std::promise<void> release;
-    BodyThread thread([&release] { release.get_future().wait(); });
-    ASSERT_TRUE(thread.Create("prio", 0));
-    EXPECT_TRUE(thread.SetPriority(2));  // waits for the kernel id itself
-    EXPECT_FALSE(thread.SetPriority(3));
-    EXPECT_EQ(getpriority(PRIO_PROCESS, id_t(thread.Tid())), 10);
-    release.set_value();
-    EXPECT_TRUE(thread.Destroy());
 }
 
 }  // namespace
