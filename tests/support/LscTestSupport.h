@@ -9,12 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <future>
-#include <thread>
-#include <vector>
 
 namespace cimtest {
 
@@ -48,15 +45,13 @@ inline bool After(const TSEvent*, const void* context) {
 
 // The valid entries of the sync-send table, copied under its lock.
 inline std::vector<TCSyncDet::PTSyncDetInfo> SyncTable() {
-    std::vector<TCSyncDet::PTSyncDetInfo> valid;
     TCSyncDet::m_pLock->Lock();
-    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        if (TCSyncDet::m_arrPCSyncDet[i].bValid) {
-            valid.push_back(TCSyncDet::m_arrPCSyncDet[i]);
-        }
-    }
+    std::vector<TCSyncDet::PTSyncDetInfo> entries(
+        TCSyncDet::m_arrPCSyncDet, TCSyncDet::m_arrPCSyncDet + TCSyncDet::MAX_SYNC_TASKS);
     TCSyncDet::m_pLock->Unlock();
-    return valid;
+    entries.erase(std::remove_if(entries.begin(), entries.end(), [](auto& e) { return !e.bValid; }),
+                  entries.end());
+    return entries;
 }
 inline int SyncEntries() {
     return static_cast<int>(SyncTable().size());
@@ -69,32 +64,26 @@ protected:
     void TearDown() override { LegacyCoreExport::Destroy(); }
 };
 
-// Counts the events its own handler executed and the user hooks; Hold keeps
-// its thread inside a user event until Open.
+// Counts the events its own handler executed, by type; Hold keeps its thread
+// inside a user event until Open.
 class HeldTask : public TCTask {
 public:
-    HeldTask() {
-        m_gate.Create(0);
-        m_entered.Create(0);
-    }
-    ~HeldTask() override {
-        m_gate.Destroy();
-        m_entered.Destroy();
-    }
     void Hold() {
+        m_gate = std::promise<void>();
+        m_entered = std::promise<void>();
+        auto entered = m_entered.get_future();
         m_hold = true;
         ASSERT_TRUE(SendTo(this, EVENT_USER, false));
-        m_entered.Take();
+        entered.wait();
     }
-    void Open() { m_gate.Give(); }
+    void Open() { m_gate.set_value(); }
     void Stop() {
         EXPECT_TRUE(SendTo(this, EVENT_EXIT, false));
         Destroy();
     }
 
-    std::atomic<int> executed[64]{};  // by type, for the types below 64
-    std::atomic<int> userHooks{0};
-    std::function<void(const TSEvent*)> onUser;  // set before events flow
+    std::atomic<int> executed[64]{};                                     // for the types below 64
+    std::function<void(const TSEvent*)> onUser = [](const TSEvent*) {};  // set before events flow
 
 protected:
     bool t_OnEvent(const TSEvent* event) override {
@@ -102,21 +91,18 @@ protected:
         return TCTask::t_OnEvent(event);
     }
     bool t_OnUser(const TSEvent* event) override {
-        ++userHooks;
-        if (onUser) {
-            onUser(event);
-        }
+        onUser(event);
         if (m_hold.exchange(false)) {
-            m_entered.Give();
-            m_gate.Take();
+            auto gate = m_gate.get_future();
+            m_entered.set_value();
+            gate.wait();
         }
         return true;
     }
 
 private:
     std::atomic<bool> m_hold{false};
-    TCSemaphore m_gate;
-    TCSemaphore m_entered;
+    std::promise<void> m_gate, m_entered;
 };
 
 // A created task for each test, stopped at the end unless the test did it.

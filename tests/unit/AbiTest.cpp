@@ -18,19 +18,13 @@ namespace {
 template <typename MemberFunction>
 int Slot(MemberFunction function) {
     static_assert(sizeof(function) == 2 * sizeof(void*), "pointer and adjustment");
-    struct {
-        std::uintptr_t pointer;
-        std::ptrdiff_t adjustment;
-    } raw;
-    std::memcpy(&raw, &function, sizeof raw);
+    std::uintptr_t raw[2];  // the pointer, then the this-adjustment
+    std::memcpy(raw, &function, sizeof raw);
 #if defined(__arm__) || defined(__aarch64__)
-    const bool isVirtual = (raw.adjustment & 1) != 0;
-    const std::uintptr_t offset = raw.pointer;
+    return (raw[1] & 1) != 0 ? static_cast<int>(raw[0] / sizeof(void*)) : -1;
 #else
-    const bool isVirtual = (raw.pointer & 1) != 0;
-    const std::uintptr_t offset = raw.pointer - 1;
+    return (raw[0] & 1) != 0 ? static_cast<int>((raw[0] - 1) / sizeof(void*)) : -1;
 #endif
-    return isVirtual ? static_cast<int>(offset / sizeof(void*)) : -1;
 }
 
 // One virtual more than Base: its slot is the number of slots Base has, so a
@@ -53,40 +47,43 @@ std::vector<int> Slots(Functions... functions) {
 }
 using Seq = std::vector<int>;
 
-// Expose the protected hooks to take their addresses.
+// The slot lists of the classes with protected hooks, which only a derived
+// class may name.
 template <typename Thread>
-struct MainProbe : Thread {
-    using Thread::t_Main;
+struct ThreadSlots : Thread {
+    static Seq Get() { return Slots<Thread>(&ThreadSlots::t_Main, &Thread::Destroy); }
 };
-struct HandlerProbe : TCHandler {
-    using TCHandler::t_OnEvent;
+struct HandlerSlots : TCHandler {
+    static Seq Get() { return Slots<TCHandler>(&HandlerSlots::t_OnEvent, &TCHandler::Destroy); }
 };
-struct TaskProbe : TCTask {
-    using TCTask::ExecuteEvent;
-    using TCTask::t_Create;
-    using TCTask::t_Destroy;
-    using TCTask::t_Idle;
-    using TCTask::t_Main;
-    using TCTask::t_OnClearQueue;
-    using TCTask::t_OnEvent;
-    using TCTask::t_OnExit;
-    using TCTask::t_OnUser;
+struct TaskSlots : TCTask {
+    static Seq Get() {
+        return Slots<TCTask>(&TaskSlots::t_Main, &TCTask::Destroy, &TaskSlots::t_Create,
+                             &TaskSlots::t_Idle, &TaskSlots::t_Destroy, &TaskSlots::t_OnEvent,
+                             &TaskSlots::t_OnExit, &TaskSlots::t_OnUser, &TaskSlots::t_OnClearQueue,
+                             &TaskSlots::ExecuteEvent);
+    }
 };
-struct AlarmProbe : TCAlarm {
-    using TCAlarm::t_OnAlarm;
-    using TCAlarm::t_OnEvent;
+struct AlarmSlots : TCAlarm {
+    static Seq Get() {
+        return Slots<TCAlarm>(&TCAlarm::Destroy, &AlarmSlots::t_OnEvent, &AlarmSlots::t_OnAlarm);
+    }
 };
-struct ObserverSafeProbe : CIM::TICIMAlarmObserverSafe {
-    using CIM::TICIMAlarmObserverSafe::t_LockAlarmObserverSafe;
-    using CIM::TICIMAlarmObserverSafe::t_UnlockAlarmObserverSafe;
+struct ObserverSafeSlots : CIM::TICIMAlarmObserverSafe {
+    static Seq Get() {
+        return Slots<CIM::TICIMAlarmObserverSafe>(&ObserverSafeSlots::t_LockAlarmObserverSafe,
+                                                  &ObserverSafeSlots::t_UnlockAlarmObserverSafe);
+    }
 };
 template <typename Connection>
-struct ConnectionProbe : Connection {
-    using Connection::t_CreateProtocol;
-    using Connection::t_LockAlarmObserverSafe;
-    using Connection::t_SocketAsynchronousRead;
-    using Connection::t_SocketSynchronousWrite;
-    using Connection::t_UnlockAlarmObserverSafe;
+struct ConnectionSlots : Connection {
+    using Self = ConnectionSlots;
+    static Seq Get() {
+        return Slots<Connection>(&Connection::Connect, &Connection::IsConnected,
+                                 &Self::t_SocketSynchronousWrite, &Self::t_SocketAsynchronousRead,
+                                 &Self::t_CreateProtocol, &Self::t_LockAlarmObserverSafe,
+                                 &Self::t_UnlockAlarmObserverSafe);
+    }
 };
 
 // A virtual destructor takes two slots (complete and deleting).
@@ -97,25 +94,18 @@ TEST(Abi, LegacyRuntimeVirtualsAreInTheirSlots) {
     EXPECT_EQ(Slots<TCQueue>(&TCQueue::Destroy), Seq({2, 3}));
 
     // t_Main, the two destructors, Destroy.
-    EXPECT_EQ(Slots<TCThread>(&MainProbe<TCThread>::t_Main, &TCThread::Destroy), Seq({0, 3, 4}));
-    EXPECT_EQ(Slots<TCEventNotifyThread>(&MainProbe<TCEventNotifyThread>::t_Main,
-                                         &TCEventNotifyThread::Destroy),
-              Seq({0, 3, 4}));
+    EXPECT_EQ(ThreadSlots<TCThread>::Get(), Seq({0, 3, 4}));
+    EXPECT_EQ(ThreadSlots<TCEventNotifyThread>::Get(), Seq({0, 3, 4}));
 
     // The two destructors, t_OnEvent, Destroy.
-    EXPECT_EQ(Slots<TCHandler>(&HandlerProbe::t_OnEvent, &TCHandler::Destroy), Seq({2, 3, 4}));
+    EXPECT_EQ(HandlerSlots::Get(), Seq({2, 3, 4}));
 
     // The thread's four, then the task's own; t_OnEvent overrides the
     // handler's and so takes a slot of its own here too.
-    EXPECT_EQ(Slots<TCTask>(&TaskProbe::t_Main, &TCTask::Destroy, &TaskProbe::t_Create,
-                            &TaskProbe::t_Idle, &TaskProbe::t_Destroy, &TaskProbe::t_OnEvent,
-                            &TaskProbe::t_OnExit, &TaskProbe::t_OnUser, &TaskProbe::t_OnClearQueue,
-                            &TaskProbe::ExecuteEvent),
-              Seq({0, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+    EXPECT_EQ(TaskSlots::Get(), Seq({0, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
 
     // t_Main (private), the destructors, Destroy, t_OnEvent, t_OnAlarm.
-    EXPECT_EQ(Slots<TCAlarm>(&TCAlarm::Destroy, &AlarmProbe::t_OnEvent, &AlarmProbe::t_OnAlarm),
-              Seq({3, 4, 5, 6}));
+    EXPECT_EQ(AlarmSlots::Get(), Seq({3, 4, 5, 6}));
     EXPECT_EQ(SlotCount<TCStateAlarm>(), 6);
     EXPECT_EQ(SlotCount<TCRWLock>(), 2);
 }
@@ -128,9 +118,7 @@ TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
     EXPECT_EQ(SlotCount<CIM::ApplicationLauncher>(), 2);
 
     EXPECT_EQ(Slots<CIM::TICIMAlarmObserver>(&CIM::TICIMAlarmObserver::OnTimer), Seq({2, 3}));
-    EXPECT_EQ(Slots<CIM::TICIMAlarmObserverSafe>(&ObserverSafeProbe::t_LockAlarmObserverSafe,
-                                                 &ObserverSafeProbe::t_UnlockAlarmObserverSafe),
-              Seq({3, 4, 5}));
+    EXPECT_EQ(ObserverSafeSlots::Get(), Seq({3, 4, 5}));
 
     using Interface = CIM::TICIMIpConnection;
     EXPECT_EQ(Slots<Interface>(&Interface::Connect, &Interface::ConnectMulticast,
@@ -140,17 +128,9 @@ TEST(Abi, ModernRuntimeVirtualsAreInTheirSlots) {
 
     // After the interface's nine: the transport hooks, then the observer's
     // lock and unlock, which override the private base's.
-    const auto checkConnection = [](auto probe, const char* name) {
-        using Probe = typename decltype(probe)::type;
-        SCOPED_TRACE(name);
-        EXPECT_EQ(
-            Slots<Probe>(&Probe::Connect, &Probe::IsConnected, &Probe::t_SocketSynchronousWrite,
-                         &Probe::t_SocketAsynchronousRead, &Probe::t_CreateProtocol,
-                         &Probe::t_LockAlarmObserverSafe, &Probe::t_UnlockAlarmObserverSafe),
-            Seq({2, 8, 9, 10, 11, 12, 13, 14}));
-    };
-    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionTcp>>(), "TCP");
-    checkConnection(std::common_type<ConnectionProbe<CIM::TCCIMIpConnectionUdp>>(), "UDP");
+    const Seq connection({2, 8, 9, 10, 11, 12, 13, 14});
+    EXPECT_EQ(ConnectionSlots<CIM::TCCIMIpConnectionTcp>::Get(), connection);
+    EXPECT_EQ(ConnectionSlots<CIM::TCCIMIpConnectionUdp>::Get(), connection);
 }
 
 // Classes without virtual operations stay so: a vtable pointer would shift

@@ -19,17 +19,13 @@ struct CountingAlarm : TCAlarm {
     std::atomic<int> hookCalls{0};
 };
 
-TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
-    CountingAlarm alarms[3];  // without end, with a count left, exhausted
-    const unsigned long counts[] = {4294967295ul, 2, 0};
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(alarms[i].Create(&task, 10, counts[i]));
-    }
-    auto resetAll = [&alarms] {
-        for (TCAlarm& alarm : alarms) {
-            alarm.Reset(15, 3);
-        }
-    };
+// Reset and Destroy return at once, whatever the alarm thread waits for and
+// whichever thread calls them, and drop the alarm's events still queued.
+TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThreadAndDropQueuedEvents) {
+    CountingAlarm alarms[2];  // without end (waiting a period), exhausted (waiting for a reset)
+    ASSERT_TRUE(alarms[0].Create(&task, 10, 4294967295ul));
+    ASSERT_TRUE(alarms[1].Create(&task, 10, 0));
+    auto resetAll = [&alarms] { alarms[0].Reset(15, 3), alarms[1].Reset(15, 3); };
     task.onUser = [&resetAll](const TSEvent*) { resetAll(); };
     auto promptly = [](auto action) {
         std::this_thread::sleep_for(50ms);  // several periods run out; nothing to wait for
@@ -38,14 +34,21 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
         EXPECT_LT(Clock::now() - start, Scaled(500ms));
     };
     promptly([&] { EXPECT_TRUE(SendTo(&task, EVENT_USER, true)); });  // on the task's thread
+    task.Hold();  // alarm events queued from here wait
+    ASSERT_TRUE(SendTo(&alarms[0], EVENT_ALARM, false));
+    ASSERT_TRUE(SendTo(&task, EVENT_PING, false));
     promptly(resetAll);
-    promptly([&] {
-        for (TCAlarm& alarm : alarms) {
-            alarm.Destroy();
-        }
-    });
-    // The alarm threads never queue an alarm event of their own.
-    EXPECT_EQ(alarms[0].hookCalls + alarms[1].hookCalls + alarms[2].hookCalls, 0);
+    unsigned int left = 0;
+    EXPECT_FALSE(task.Find(&alarms[0], &left));
+    EXPECT_TRUE(task.Find(&task, &left)) << "Reset removed a foreign event";
+    ASSERT_TRUE(SendTo(&alarms[1], EVENT_ALARM, false));
+    promptly([&alarms] { alarms[0].Destroy(), alarms[1].Destroy(); });
+    task.Open();
+    ASSERT_TRUE(SendTo(&task, EVENT_PING, true));  // runs after what is queued
+    // Neither queued by an alarm thread (it never sends) nor kept by Reset or Destroy.
+    EXPECT_EQ(alarms[0].hookCalls, 0);
+    EXPECT_EQ(alarms[1].hookCalls, 0);
+
     // Straight after Create, before the thread may even have started.
     ASSERT_TRUE(alarms[0].Create(&task, 1000, 1));
     const auto start = Clock::now();
@@ -53,43 +56,28 @@ TEST_F(AlarmTest, ResetAndDestroyReturnPromptlyFromAnyThread) {
     EXPECT_LT(Clock::now() - start, Scaled(500ms));
 }
 
-TEST_F(AlarmTest, ResetAndDestroyDropAlarmEventsStillQueued) {
+// Before, the hook, after: a before that answers true stands in for the hook;
+// the function setters replace what the raw pointers bound, or clear it.
+TEST_F(AlarmTest, CallbacksSurroundTheHookAndTheThreadIsNamedAfterItsCreator) {
     CountingAlarm alarm;
-    CountingAlarm doomed;
-    ASSERT_TRUE(alarm.Create(&task, 1000, 1));
-    ASSERT_TRUE(doomed.Create(&task, 1000, 1));
-    task.Hold();  // the events below wait in the queue
-    ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
-    ASSERT_TRUE(SendTo(&task, EVENT_PING, false));
-    alarm.Reset(1000, 1);
-    unsigned int left = 0;
-    EXPECT_FALSE(task.Find(&alarm, &left));
-    EXPECT_TRUE(task.Find(&task, &left)) << "Reset removed a foreign event";
-    EXPECT_EQ(left, 1u);
-    ASSERT_TRUE(SendTo(&doomed, EVENT_ALARM, false));
-    ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, false));
-    EXPECT_TRUE(doomed.Destroy());
-    task.Open();
-    ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));  // runs after what is queued
-    EXPECT_EQ(alarm.hookCalls, 2) << "dropped alarm events were executed";
-    alarm.Destroy();
-}
+    std::thread([&] {
+        ASSERT_EQ(prctl(PR_SET_NAME, "thirteenchars", 0, 0, 0), 0);
+        ASSERT_TRUE(alarm.Create(&task, 1000, 1));
+    }).join();
+    ASSERT_TRUE(alarm.FlagCreate());
+    EXPECT_STREQ(alarm.Name(), "TCAlarm:thirtee");
 
-TEST_F(AlarmTest, CallbacksSurroundTheHook) {
-    CountingAlarm alarm;
-    ASSERT_TRUE(alarm.Create(&task, 1000, 1));
     Calls calls;
     EXPECT_FALSE(alarm.SetEventCallback(1, Before, After, &calls));
     ASSERT_TRUE(alarm.SetEventCallback(EVENT_ALARM, Before, After, &calls));
     calls.beforeResult = true;
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
-    EXPECT_EQ(alarm.hookCalls, 0) << "a before callback returning true stands in for the hook";
+    EXPECT_EQ(alarm.hookCalls, 0);
     EXPECT_EQ(calls.after, 1);
     calls.beforeResult = false;
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
     EXPECT_EQ(alarm.hookCalls, 1);
 
-    // The function setters replace what the raw pointers bound, or clear it.
     int functionCalls = 0;
     alarm.SetCallbackAfter([&functionCalls](const TSEvent*) { return ++functionCalls > 0; });
     alarm.SetCallbackBefore(TCAlarm::TFAlarmFunction());
@@ -102,46 +90,21 @@ TEST_F(AlarmTest, CallbacksSurroundTheHook) {
     alarm.Destroy();
 }
 
-// A state alarm's Create widens a negative count to "no end".
+// Period and count are cut to 32 bits, then the period is floored at 10 ms.
 TEST_F(AlarmTest, StateAlarmSendsStateEventsAndPeriodAndCountAre32BitWithAFloor) {
-    struct ExposedStateAlarm : TCStateAlarm {
-        using TCStateAlarm::t_OnAlarm;
-    } alarm;
-    ASSERT_TRUE(alarm.Create(&task, 42, 5, -1));
-    EXPECT_EQ(alarm.Period(), 10u);
+    TCStateAlarm alarm;
+    ASSERT_TRUE(alarm.Create(&task, 42, 11, -1));  // a negative count is "no end"
+    EXPECT_EQ(alarm.Period(), 11u);
     EXPECT_EQ(alarm.Count(), TCAlarm::kNoEnd);
     // The state event is queued while the alarm event runs, so a ping sent
-    // afterwards runs after it. The hook answers false either way.
+    // afterwards runs after it.
     ASSERT_TRUE(SendTo(&alarm, EVENT_ALARM, true));
-    TSEvent event = MakeEvent(&alarm, 7);
-    EXPECT_FALSE(alarm.t_OnAlarm(&event));
     ASSERT_TRUE(SendTo(&task, EVENT_PING, true));
     EXPECT_EQ(task.executed[42], 1);
 
-    // Truncated first, then floored: 2^32 + 5 is a period of 5.
-    for (const auto& [period, count, storedPeriod, storedCount] :
-         {std::tuple{11ul, static_cast<unsigned long>(-1), 11ul, TCAlarm::kNoEnd},
-          {0ul, 4294967295ul, 10ul, TCAlarm::kNoEnd},
-          {static_cast<unsigned long>((uint64_t(1) << 32) + 5), 0ul, 10ul, 0ul}}) {
-        alarm.Reset(period, count);
-        EXPECT_EQ(alarm.Period(), storedPeriod) << period;
-        EXPECT_EQ(alarm.Count(), storedCount) << count;
-    }
+    alarm.Reset(static_cast<unsigned long>((uint64_t(1) << 32) + 5), 0);
+    EXPECT_EQ(alarm.Period(), 10u);
     alarm.Destroy();
-}
-
-TEST_F(AlarmTest, ThreadIsNamedAfterTheCreatingThread) {
-    for (const auto& [creator, expected] :
-         {std::pair{"abcd", "TCAlarm:abcd"}, {"thirteenchars", "TCAlarm:thirtee"}}) {
-        TCAlarm alarm;
-        std::thread([&, creator = creator] {
-            ASSERT_EQ(prctl(PR_SET_NAME, creator, 0, 0, 0), 0);
-            ASSERT_TRUE(alarm.Create(&task, 1000, 1));
-        }).join();
-        ASSERT_TRUE(alarm.FlagCreate());
-        EXPECT_STREQ(alarm.Name(), expected);
-        alarm.Destroy();
-    }
 }
 
 }  // namespace

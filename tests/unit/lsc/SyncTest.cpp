@@ -4,7 +4,6 @@
 
 #include "LscTestSupport.h"
 
-#include <cstring>
 #include <set>
 
 #include <sys/prctl.h>
@@ -16,24 +15,10 @@ namespace cimtest {
 namespace {
 
 using SyncTest = LscTaskTest;
+using Caller = std::pair<unsigned long, int>;  // thread id, kernel thread id
 
 int OwnKernelTid() {
     return static_cast<int>(::syscall(SYS_gettid));
-}
-
-// The kernel thread id that the table recorded for a synchronous send from
-// the calling thread, read by the receiver while the sender waits.
-int RecordedTidOfSyncSend(HeldTask& task) {
-    std::atomic<int> recorded{-1};
-    task.onUser = [&recorded](const TSEvent* event) {
-        for (const auto& entry : SyncTable()) {
-            if (entry.ulCallerId == static_cast<unsigned long>(event->sender)) {
-                recorded = entry.iCallerTid;
-            }
-        }
-    };
-    EXPECT_TRUE(SendTo(&task, EVENT_USER, true));
-    return recorded;
 }
 
 TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
@@ -42,12 +27,12 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
 
     constexpr int kSenders = TCSyncDet::MAX_SYNC_TASKS + 1;
     std::vector<std::thread> threads;
-    std::vector<unsigned long> ids(kSenders);
+    std::vector<Caller> ids(kSenders);
     std::atomic<int> completed{0};
     auto start = [&](int i) {
         threads.emplace_back([&, i] {
             prctl(PR_SET_NAME, "sender", 0, 0, 0);
-            ids[i] = static_cast<unsigned long>(pthread_self());
+            ids[i] = {static_cast<unsigned long>(pthread_self()), OwnKernelTid()};
             completed += SendTo(&task, 7, true) ? 1 : 0;  // ignored by the task
         });
     };
@@ -57,41 +42,34 @@ TEST_F(SyncTest, BlockedSendersAreRecordedAndTheSixtyFifthStillCompletes) {
     ASSERT_TRUE(WaitUntil([] { return SyncEntries() == TCSyncDet::MAX_SYNC_TASKS; }));
     // Each entry says who waits for which task; the table's lock orders the
     // ids written by the senders before this read.
-    std::set<unsigned long> callers;
+    std::set<Caller> callers;
     for (const auto& entry : SyncTable()) {
-        callers.insert(entry.ulCallerId);
+        callers.emplace(entry.ulCallerId, entry.iCallerTid);
         EXPECT_STREQ(entry.szCallerName, "sender");
         EXPECT_EQ(entry.ulReceiverId, static_cast<unsigned long>(task.Id()));
     }
-    EXPECT_EQ(callers, std::set<unsigned long>(ids.begin(), ids.end() - 1));
+    EXPECT_EQ(callers, std::set<Caller>(ids.begin(), ids.end() - 1));
 
     start(kSenders - 1);
     EXPECT_TRUE(WaitUntil([&log] { return log.Contains("### TCSyncDet::Add() failed"); }));
-    EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
     task.Open();
     JoinAll(threads);
     EXPECT_EQ(completed, kSenders);
     EXPECT_EQ(SyncEntries(), 0);
 }
 
+// The kernel thread id is kept per thread. A forked child goes on in the
+// thread that forked, which kept its id from the send below: the child's
+// entry must carry the child's own id.
 TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
-    // Twice from each thread: the second send reads the id the first kept.
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(RecordedTidOfSyncSend(task), OwnKernelTid());
-        int threadTid = 0;
-        int recorded = -1;
-        std::thread([&] {
-            threadTid = OwnKernelTid();
-            recorded = RecordedTidOfSyncSend(task);
-        }).join();
-        EXPECT_EQ(recorded, threadTid);
-        EXPECT_NE(threadTid, OwnKernelTid());
-    }
+    int recorded = -1;  // written on the task's thread while this one waits
+    task.onUser = [&recorded](const TSEvent*) { recorded = SyncTable().at(0).iCallerTid; };
+    ASSERT_TRUE(SendTo(&task, EVENT_USER, true));
+    EXPECT_EQ(recorded, OwnKernelTid());
 
-    // The child goes on in the thread that forked, whose id is kept from the
-    // sends above. Holding TimeMutex across the fork keeps the task's thread
-    // from holding it there; the child must create no thread (sanitizers),
-    // so it registers a send itself instead of sending.
+    // Holding TimeMutex across the fork keeps the task's thread from holding
+    // it there; the child must create no thread (sanitizers), so it
+    // registers a send itself instead of sending.
     ASSERT_EQ(pthread_mutex_lock(&TimeMutex), 0);
     const pid_t child = fork();
     pthread_mutex_unlock(&TimeMutex);
@@ -109,25 +87,16 @@ TEST_F(SyncTest, EntriesCarryTheSendersOwnKernelThreadIdAlsoInAForkedChild) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(SyncTest, EntriesAreReusedLowestFirstAndASecondInitKeepsThem) {
-    TCSyncDet::PTSyncDetInfo info;
-    std::memset(&info, 0, sizeof info);
-    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
-        ASSERT_EQ(TCSyncDet::Add(&info), i);
-    }
-    EXPECT_EQ(TCSyncDet::Add(&info), -1);
-    EXPECT_EQ(TCSyncDet::Remove(40), 0);
-    EXPECT_EQ(TCSyncDet::Remove(3), 0);
-    EXPECT_EQ(TCSyncDet::Add(&info), 3);
-    EXPECT_EQ(TCSyncDet::Add(&info), 40);
-
+TEST_F(SyncTest, ASecondInitKeepsTheTableAndItsEntries) {
+    TCSyncDet::PTSyncDetInfo info{};
+    ASSERT_EQ(TCSyncDet::Add(&info), 0);
     TCSyncDet::PTSyncDetInfo* const table = TCSyncDet::m_arrPCSyncDet;
     AssertRecorder recorder;
     EXPECT_TRUE(LegacyCoreExport::Init());
     EXPECT_FALSE(TCSyncDet::Create());
     EXPECT_EQ(recorder.Expressions(), (std::vector<std::string>{"!FlagCreate()", "!FlagCreate()"}));
     EXPECT_EQ(TCSyncDet::m_arrPCSyncDet, table);
-    EXPECT_EQ(SyncEntries(), TCSyncDet::MAX_SYNC_TASKS);
+    EXPECT_EQ(SyncEntries(), 1);
 }
 
 }  // namespace
