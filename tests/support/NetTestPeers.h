@@ -8,13 +8,9 @@
 
 #include "TestSupport.h"
 
-#include <chrono>
-#include <functional>
 #include <future>
 #include <stdexcept>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 #include <sys/socket.h>
 
@@ -84,6 +80,19 @@ struct Completion : Recorder<CompletionResult> {
     }
     int Calls() const { return int(All().size()); }
 };
+
+// One send or read through the connection, waited for.
+inline CompletionResult Send(CIM::TICIMIpConnection& connection, const std::vector<uint8_t>& data) {
+    Completion done;
+    connection.SendData(data, done.Callback());
+    return done.Wait();
+}
+inline CompletionResult Read(CIM::TICIMIpConnection& connection, std::vector<uint8_t>& buffer,
+                             boost::optional<uint16_t> timeoutMs) {
+    Completion done;
+    connection.ReadData(buffer, timeoutMs, done.Callback());
+    return done.Wait();
+}
 
 // Echoes on 127.0.0.1 from its own thread: over TCP one accepted connection
 // until the other end closes, over UDP every datagram to its sender. Shutting
