@@ -149,10 +149,10 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
         // The first two rounds are the plain case: reads timed 80 and 40 ms,
         // then at once Disconnect (round 0) or not, and destruction.
         const bool plain = round < 2;
-        const bool echoed = !plain && random() % 3 == 0;
         std::list<Completion> completions;
         std::list<std::vector<uint8_t>> buffers;
         int longestMs = 0;
+        bool echoed = false;
         cimtest::EchoPeer<Protocol> peer;  // a TCP peer answers one connection
         {
             auto connection = std::make_unique<Connection>(task.Get());
@@ -166,6 +166,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
                 connection->ReadData(buffers.emplace_back(8), timeout,
                                      completions.emplace_back().Callback());
             }
+            echoed = !plain && random() % 3 == 0;
             if (echoed) {
                 cimtest::Send(*connection, {1, 2, 3});
             }

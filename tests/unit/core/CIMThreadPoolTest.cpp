@@ -18,15 +18,11 @@
 
 namespace {
 
-using CIM::TCCIMTask;
-using CIM::TCThreadPool;
-using std::chrono::milliseconds;
-
 // A second Join, with no worker left, only logs.
 TEST(CIMThreadPoolTest, WorkersRunInParallelUnnamedAndJoinWaitsForPendingWork) {
     cimtest::LogCapture log;
     const std::string processName = cimtest::ThreadName();
-    TCThreadPool pool("pool-name", 4);
+    CIM::TCThreadPool pool("pool-name", 4);
     // Every handler waits until all have started: only four parallel workers
     // get through.
     boost::barrier allStarted(4);
@@ -37,13 +33,15 @@ TEST(CIMThreadPoolTest, WorkersRunInParallelUnnamedAndJoinWaitsForPendingWork) {
             allStarted.wait();
         });
     }
-    boost::asio::steady_timer timer(pool.GetIoContext(), milliseconds(60));
+    boost::asio::steady_timer timer(pool.GetIoContext(), std::chrono::milliseconds(60));
     std::atomic<bool> fired{false};
     timer.async_wait([&](const boost::system::error_code&) { fired = true; });
     pool.Join();
     EXPECT_TRUE(fired) << "Join left with a timer pending";
     EXPECT_EQ(4, unnamed.load()) << "a worker took a name";
+    const cimtest::Clock::time_point start = cimtest::Clock::now();
     pool.Join();
+    EXPECT_LT(cimtest::Since(start), cimtest::Scaled(std::chrono::milliseconds(200)));
     EXPECT_EQ(log.Messages(), std::vector<std::string>(2, "CIMThreadPool.cpp: Join(64) > "));
 }
 
@@ -72,7 +70,7 @@ TEST(CIMThreadPoolDeathTest, DestroyingAnUnjoinedTaskReportsAndFinishes) {
         {
             ::dup2(2, 1);  // the report's stdout line goes where the matcher reads
             cimtest::AssertRecorder recorder;
-            auto task = std::make_unique<TCCIMTask>("unjoined-task");
+            auto task = std::make_unique<CIM::TCCIMTask>("unjoined-task");
             CIM::TCCIMSemaphore parked(0);
             CIM::TCCIMSemaphore never(0);
             boost::asio::post(task->GetIoContext(), [&] {

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <regex>
 #include <stdexcept>
@@ -15,7 +14,6 @@
 
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
@@ -120,7 +118,7 @@ TEST(CIMTime, TickSleepAndTheScopeTimer) {
     const unsigned long measured = std::stoul(match[3].str());
     EXPECT_EQ(measured, CIM::TickDiff(std::stoul(match[1].str()), std::stoul(match[2].str())));
     EXPECT_GE(measured, 60 - step);
-    EXPECT_THAT(log.Lines()[0], HasSubstr(" E/CI_CORE("));
+    EXPECT_THAT(log.Lines()[0], ::testing::HasSubstr(" E/CI_CORE("));
 }
 
 }  // namespace
