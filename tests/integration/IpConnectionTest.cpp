@@ -60,7 +60,6 @@ TEST(TcpConnection, ConnectsEchoesUpToOneMebibyteAndTimesReadsOut) {
     Clock::time_point start = Clock::now();
     ASSERT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), 3));
     EXPECT_LT(Since(start), Scaled(milliseconds(1000)));
-    EXPECT_EQ(connection.GetSourcePort(), peer.ClientPort());
     for (const size_t size : {size_t(1), size_t(70001), size_t(1) << 20}) {
         const std::vector<uint8_t> payload = cimtest::Pattern(size);
         EXPECT_TRUE(EchoRoundTrip(connection, payload) == payload) << size;

@@ -106,8 +106,6 @@ public:
         m_thread.join();
     }
     uint16_t Port() const { return m_port; }
-    // The remote port of the accepted connection, as the peer sees it.
-    uint16_t ClientPort() { return m_clientPort.get_future().get(); }
 
 private:
     static constexpr bool kTcp = std::is_same_v<Protocol, ip::tcp>;
@@ -118,7 +116,6 @@ private:
         if constexpr (kTcp) {
             ip::tcp::socket socket(PeerContext());
             m_socket.accept(socket, error);
-            m_clientPort.set_value(error ? 0 : socket.remote_endpoint(error).port());
             while (!error && (got = socket.read_some(boost::asio::buffer(data), error)) > 0) {
                 boost::asio::write(socket, boost::asio::buffer(data.data(), got), error);
             }
@@ -134,7 +131,6 @@ private:
     std::conditional_t<kTcp, ip::tcp::acceptor, ip::udp::socket> m_socket{
         PeerContext(), {ip::address_v4::loopback(), 0}};
     const uint16_t m_port = m_socket.local_endpoint().port();
-    std::promise<uint16_t> m_clientPort;
     std::thread m_thread;
 };
 
