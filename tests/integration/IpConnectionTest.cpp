@@ -8,12 +8,10 @@
 #include "NetTestPeers.h"
 #include "TestSupport.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <list>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -36,22 +34,19 @@ namespace ip = cimtest::ip;
 std::vector<uint8_t> EchoRoundTrip(CIM::TCCIMIpConnectionTcp& connection,
                                    const std::vector<uint8_t>& payload) {
     std::vector<uint8_t> received, buffer(65536);
-    std::list<Completion> reads;
-    connection.ReadData(buffer, boost::none, reads.emplace_back().Callback());
+    Completion first;
+    connection.ReadData(buffer, boost::none, first.Callback());
     const auto sender = std::async(std::launch::async, [&connection, &payload]() {
+        // 0 bytes on an error, which ends the loop
         for (size_t offset = 0, sent = 1; offset < payload.size() && sent > 0; offset += sent) {
-            Completion done;
-            connection.SendData({payload.begin() + long(offset), payload.end()}, done.Callback());
-            sent = done.Wait().bytes;  // 0 on an error, which ends the loop
+            sent = cimtest::Send(connection, {payload.begin() + long(offset), payload.end()}).bytes;
         }
     });
-    for (;;) {
-        const auto result = reads.back().Wait();
+    for (auto result = first.Wait();; result = cimtest::Read(connection, buffer, boost::none)) {
         received.insert(received.end(), buffer.begin(), buffer.begin() + long(result.bytes));
         if (result.error || received.size() >= payload.size()) {
             return received;
         }
-        connection.ReadData(buffer, boost::none, reads.emplace_back().Callback());
     }
 }
 
@@ -60,49 +55,36 @@ std::vector<uint8_t> EchoRoundTrip(CIM::TCCIMIpConnectionTcp& connection,
 // old one and ends with 125 when nothing comes.
 TEST(TcpConnection, ConnectsEchoesUpToOneMebibyteAndTimesReadsOut) {
     cimtest::TestTask task;
-    for (const unsigned char timeout : {0, 3}) {
-        SCOPED_TRACE(int(timeout));
-        cimtest::EchoPeer<ip::tcp> peer;
-        CIM::TCCIMIpConnectionTcp connection(task.Get());
-        Clock::time_point start = Clock::now();
-        ASSERT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), timeout));
-        EXPECT_LT(Since(start), Scaled(milliseconds(1000)));
-        EXPECT_EQ(connection.GetSourcePort(), peer.ClientPort());
-        for (const size_t size : {size_t(1), size_t(70001), size_t(1) << 20}) {
-            const std::vector<uint8_t> payload = cimtest::Pattern(size);
-            EXPECT_TRUE(EchoRoundTrip(connection, payload) == payload) << size;
-        }
-
-        {  // the second half of one segment is waiting when the next read starts
-            cimtest::LogCapture log;
-            std::vector<uint8_t> half(3);
-            Completion echoed, first, second;
-            connection.SendData({'a', 'b', 'c', 'd', 'e', 'f'}, echoed.Callback());
-            connection.ReadData(half, boost::none, first.Callback());
-            ASSERT_EQ(first.Wait().bytes, 3u);
-            connection.ReadData(half, boost::none, second.Callback());
-            ASSERT_EQ(second.Wait().bytes, 3u);
-            EXPECT_EQ(log.Count(") > availableData [3] data.size [3] timeout [0]ms"), 1u);
-        }
-        std::vector<uint8_t> buffer(16);
-        Completion sent, read, quiet;
-        connection.SendData({'a', 'b', 'c'}, sent.Callback());
-        connection.ReadData(buffer, uint16_t(100), read.Callback());
-        ASSERT_EQ(read.Wait().bytes, 3u);
-        start = Clock::now();
-        connection.ReadData(buffer, uint16_t(300), quiet.Callback());
-        EXPECT_EQ(quiet.Wait().error.value(), 125);
-        EXPECT_EQ(quiet.Wait().bytes, 0u);
-        EXPECT_GE(Since(start), milliseconds(300));
-        EXPECT_LT(Since(start), milliseconds(300) + Scaled(milliseconds(1000)));
+    cimtest::EchoPeer<ip::tcp> peer;
+    CIM::TCCIMIpConnectionTcp connection(task.Get());
+    Clock::time_point start = Clock::now();
+    ASSERT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), 3));
+    EXPECT_LT(Since(start), Scaled(milliseconds(1000)));
+    for (const size_t size : {size_t(1), size_t(70001), size_t(1) << 20}) {
+        const std::vector<uint8_t> payload = cimtest::Pattern(size);
+        EXPECT_TRUE(EchoRoundTrip(connection, payload) == payload) << size;
     }
+
+    // The second half of one segment is waiting when the next read starts.
+    cimtest::LogCapture log;
+    std::vector<uint8_t> half(3), buffer(16);
+    cimtest::Send(connection, {'a', 'b', 'c', 'd', 'e', 'f'});
+    ASSERT_EQ(cimtest::Read(connection, half, boost::none).bytes, 3u);
+    ASSERT_EQ(cimtest::Read(connection, half, boost::none).bytes, 3u);
+    EXPECT_EQ(log.Count(") > availableData [3] data.size [3] timeout [0]ms"), 1u);
+
+    cimtest::Send(connection, {'a', 'b', 'c'});
+    ASSERT_EQ(cimtest::Read(connection, buffer, uint16_t(100)).bytes, 3u);
+    start = Clock::now();
+    const cimtest::CompletionResult quiet = cimtest::Read(connection, buffer, uint16_t(300));
+    EXPECT_EQ(quiet.error.value(), 125);
+    EXPECT_EQ(quiet.bytes, 0u);
+    EXPECT_GE(Since(start), milliseconds(300));
+    EXPECT_LT(Since(start), milliseconds(300) + Scaled(milliseconds(1000)));
 }
 
-// Round trips from a given source address and port. Port 0 is no
-// destination, but UDP finds that out only from the peer: the
-// association and the send succeed, and the port-unreachable answer reaches
-// the next read as "connection refused".
-TEST(UdpConnection, UnicastRoundTripsAndPortZeroRefusedAtTheNextRead) {
+// Round trips from a given source address and port.
+TEST(UdpConnection, UnicastRoundTripsFromAGivenSource) {
     cimtest::TestTask task;
     cimtest::EchoPeer<ip::udp> peer;
     const uint16_t freePort =
@@ -110,27 +92,16 @@ TEST(UdpConnection, UnicastRoundTripsAndPortZeroRefusedAtTheNextRead) {
             .local_endpoint()
             .port();
     std::vector<uint8_t> buffer(65536);
-    CIM::TCCIMIpConnectionUdp connection(task.Get()), portZero(task.Get());
+    CIM::TCCIMIpConnectionUdp connection(task.Get());
     ASSERT_TRUE(connection.Connect(
         {CIM::IPv4, "127.0.0.1", peer.Port(), CIM::UDP, std::string("127.0.0.1"), freePort}, 1));
     EXPECT_EQ(connection.GetSourcePort(), freePort);
-    for (const size_t size : {size_t(1), size_t(1400), size_t(60000)}) {
+    for (const size_t size : {size_t(1), size_t(60000)}) {
         const std::vector<uint8_t> payload = cimtest::Pattern(size);
-        Completion read, sent;
-        connection.ReadData(buffer, uint16_t(2000), read.Callback());
-        connection.SendData(payload, sent.Callback());
-        EXPECT_EQ(sent.Wait().bytes, size);
-        ASSERT_EQ(read.Wait().bytes, size) << read.Wait().error.message();
+        EXPECT_EQ(cimtest::Send(connection, payload).bytes, size);
+        ASSERT_EQ(cimtest::Read(connection, buffer, uint16_t(2000)).bytes, size);
         EXPECT_TRUE(std::vector<uint8_t>(buffer.begin(), buffer.begin() + long(size)) == payload);
     }
-
-    ASSERT_TRUE(portZero.Connect(Loopback(0, CIM::UDP), 0));
-    Completion sent, read;
-    portZero.SendData({1, 2, 3}, sent.Callback());
-    EXPECT_FALSE(sent.Wait().error);
-    portZero.ReadData(buffer, uint16_t(2000), read.Callback());
-    EXPECT_EQ(read.Wait().error, boost::asio::error::connection_refused);
-    EXPECT_TRUE(portZero.IsConnected());
 }
 
 const char* const kSources[] = {"10.213.0.2", "10.213.0.3", "10.213.0.4"};
@@ -158,11 +129,8 @@ protected:
             "; ip -n $rx addr add 10.213.0.1/24 dev v$rx; for a in 2 3 4; do"
             " ip -n $tx addr add 10.213.0.$a/24 dev v$tx; done; for n in $rx $tx; do"
             " ip -n $n link set v$n up; ip -n $n route add 224.0.0.0/4 dev v$n; done";
-        // The tool's own message says why, when it fails.
-        const cimtest::TempDir dir;
-        if (std::system(("(" + script + ") 2>" + dir.File("error")).c_str()) != 0) {
-            GTEST_SKIP() << "cannot set up network namespaces: "
-                         << cimtest::ReadFile(dir.File("error"));
+        if (std::system(script.c_str()) != 0) {
+            GTEST_SKIP() << "cannot set up network namespaces (the tool said why above)";
         }
         Enter(kTx);
         for (const char* source : kSources) {
@@ -185,9 +153,8 @@ protected:
     static std::string Read(CIM::TCCIMIpConnectionUdp& connection, int count = 1) {
         std::string text;
         for (std::vector<uint8_t> buffer(1500); count-- > 0;) {
-            Completion read;
-            connection.ReadData(buffer, uint16_t(2000), read.Callback());
-            text.append(buffer.begin(), buffer.begin() + long(read.Wait().bytes));
+            text.append(buffer.begin(),
+                        buffer.begin() + long(cimtest::Read(connection, buffer, 2000).bytes));
         }
         return text;
     }
@@ -215,11 +182,6 @@ TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
         joined.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], kSources[1]}}));
     ASSERT_TRUE(except.ConnectMulticast({CIM::IPv4, group, port, false, {kSources[1]}}));
     ASSERT_TRUE(any.ConnectMulticast({CIM::IPv4, group, port, true, {}}));  // empty join list
-    EXPECT_THAT(
-        [&]() {
-            joined.ConnectMulticast({CIM::IPv4, group, port, true, {}});
-        },
-        testing::ThrowsMessage<boost::system::system_error>(testing::HasSubstr("open")));
 
     // Every datagram a filter blocks is followed by one it lets through.
     for (const auto& [source, text] : {std::pair(2, "a"), std::pair(1, "b"), std::pair(0, "c")}) {
@@ -235,8 +197,7 @@ TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
     CIM::TCCIMIpConnectionUdp remote(m_task.Get());
     ASSERT_TRUE(remote.ConnectMulticast({CIM::IPv4, group, port, true, {}}));
     Enter(kRx);
-    Completion sent;
-    any.SendData({'o', 'w', 'n'}, sent.Callback());
+    cimtest::Send(any, {'o', 'w', 'n'});
     EXPECT_EQ(Read(remote), "own");
     m_senders[0].send_to(boost::asio::buffer(std::string("d")), to);
     EXPECT_EQ(Read(any), "d");
@@ -248,10 +209,8 @@ TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
     }
     EXPECT_FALSE(Joined(group));
 
-    // Bad input raises and leaves the object closed, or connected for
-    // Disconnect to clean up, partial membership included.
-    EXPECT_THROW(any.ConnectMulticast({CIM::IPv4, "239.10.5", port, false, {}}),
-                 boost::system::system_error);
+    // A bad source raises after a partial membership, which Disconnect
+    // cleans up; the object can then connect again.
     EXPECT_THROW(any.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], "ten.0.0.1"}}),
                  boost::system::system_error);
     any.Disconnect();

@@ -8,13 +8,9 @@
 
 #include "TestSupport.h"
 
-#include <chrono>
-#include <functional>
 #include <future>
 #include <stdexcept>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 #include <sys/socket.h>
 
@@ -85,6 +81,19 @@ struct Completion : Recorder<CompletionResult> {
     int Calls() const { return int(All().size()); }
 };
 
+// One send or read through the connection, waited for.
+inline CompletionResult Send(CIM::TICIMIpConnection& connection, const std::vector<uint8_t>& data) {
+    Completion done;
+    connection.SendData(data, done.Callback());
+    return done.Wait();
+}
+inline CompletionResult Read(CIM::TICIMIpConnection& connection, std::vector<uint8_t>& buffer,
+                             boost::optional<uint16_t> timeoutMs) {
+    Completion done;
+    connection.ReadData(buffer, timeoutMs, done.Callback());
+    return done.Wait();
+}
+
 // Echoes on 127.0.0.1 from its own thread: over TCP one accepted connection
 // until the other end closes, over UDP every datagram to its sender. Shutting
 // the socket down wakes a blocking call that waits in vain.
@@ -97,8 +106,6 @@ public:
         m_thread.join();
     }
     uint16_t Port() const { return m_port; }
-    // The remote port of the accepted connection, as the peer sees it.
-    uint16_t ClientPort() { return m_clientPort.get_future().get(); }
 
 private:
     static constexpr bool kTcp = std::is_same_v<Protocol, ip::tcp>;
@@ -109,7 +116,6 @@ private:
         if constexpr (kTcp) {
             ip::tcp::socket socket(PeerContext());
             m_socket.accept(socket, error);
-            m_clientPort.set_value(error ? 0 : socket.remote_endpoint(error).port());
             while (!error && (got = socket.read_some(boost::asio::buffer(data), error)) > 0) {
                 boost::asio::write(socket, boost::asio::buffer(data.data(), got), error);
             }
@@ -125,7 +131,6 @@ private:
     std::conditional_t<kTcp, ip::tcp::acceptor, ip::udp::socket> m_socket{
         PeerContext(), {ip::address_v4::loopback(), 0}};
     const uint16_t m_port = m_socket.local_endpoint().port();
-    std::promise<uint16_t> m_clientPort;
     std::thread m_thread;
 };
 

@@ -62,27 +62,15 @@ std::vector<std::string> SplitLines(const std::string& text) {
     return lines;
 }
 
-std::string MessageOf(const std::string& line) {
-    const size_t start = line.find("): ");
-    return start == std::string::npos ? line : line.substr(start + 3);
-}
-
 void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
 }
 
-bool Exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
 std::string ThreadName() {
     const long tid = ::syscall(SYS_gettid);
-    std::string comm = ReadFile("/proc/self/task/" + std::to_string(tid) + "/comm");
-    if (!comm.empty() && comm.back() == '\n') {
-        comm.pop_back();
-    }
-    return comm;
+    const std::string comm = ReadFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+    return comm.substr(0, comm.find('\n'));
 }
 
 ScopedEnv::ScopedEnv(const char* name, const std::string& value) : m_name(name) {
@@ -93,11 +81,7 @@ ScopedEnv::ScopedEnv(const char* name, const std::string& value) : m_name(name) 
 }
 
 ScopedEnv::~ScopedEnv() {
-    if (m_had) {
-        ::setenv(m_name, m_previous.c_str(), 1);
-    } else {
-        ::unsetenv(m_name);
-    }
+    m_had ? ::setenv(m_name, m_previous.c_str(), 1) : ::unsetenv(m_name);
 }
 
 ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value)
@@ -105,23 +89,13 @@ ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::s
     cimhost::SetSetting(setting, value);
 }
 
-ScopedHostSetting::~ScopedHostSetting() {
-    cimhost::SetSetting(m_setting, m_previous);
-}
-
 LogCapture::LogCapture()
     : m_path(m_dir.File("log.txt")),
       m_output(cimhost::EHostSetting::LOG_OUTPUT, "file:" + m_path) {}
 
-std::vector<std::string> LogCapture::Lines() const {
-    return SplitLines(ReadFile(m_path));
-}
-
 std::vector<std::string> LogCapture::Messages() const {
     std::vector<std::string> messages = Lines();
-    for (std::string& line : messages) {
-        line = MessageOf(line);
-    }
+    std::transform(messages.begin(), messages.end(), messages.begin(), MessageOf);
     return messages;
 }
 
@@ -132,29 +106,11 @@ size_t LogCapture::Count(const std::string& text) const {
     });
 }
 
-void LogCapture::Clear() {
-    WriteFile(m_path, "");
-}
-
 AssertRecorder::AssertRecorder()
     : m_hook([this](const char* expression, const char* path, unsigned long) {
-          m_reports.Add({expression ? expression : "", path ? path : ""});
+          // The path first: a report counts once its expression is there.
+          m_paths.Add(path ? path : "");
+          m_expressions.Add(expression ? expression : "");
       }) {}
-
-std::vector<std::string> AssertRecorder::Expressions() const {
-    std::vector<std::string> expressions;
-    for (const auto& report : m_reports.All()) {
-        expressions.push_back(report.first);
-    }
-    return expressions;
-}
-
-std::vector<std::string> AssertRecorder::Paths() const {
-    std::vector<std::string> paths;
-    for (const auto& report : m_reports.All()) {
-        paths.push_back(report.second);
-    }
-    return paths;
-}
 
 }  // namespace cimtest

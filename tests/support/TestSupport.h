@@ -7,6 +7,8 @@
 
 #include <cimcore/testing.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -89,9 +91,14 @@ private:
 std::string ReadFile(const std::string& path);
 std::vector<std::string> SplitLines(const std::string& text);
 // The message part of a log line (after "): "), or the whole line.
-std::string MessageOf(const std::string& line);
+inline std::string MessageOf(const std::string& line) {
+    const size_t start = line.find("): ");
+    return start == std::string::npos ? line : line.substr(start + 3);
+}
 void WriteFile(const std::string& path, const std::string& text);
-bool Exists(const std::string& path);
+inline bool Exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
 
 // The calling thread's name as the kernel shows it (/proc/self/task/TID/comm).
 std::string ThreadName();
@@ -114,7 +121,7 @@ private:
 class ScopedHostSetting {
 public:
     ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value);
-    ~ScopedHostSetting();
+    ~ScopedHostSetting() { cimhost::SetSetting(m_setting, m_previous); }
     ScopedHostSetting(const ScopedHostSetting&) = delete;
     ScopedHostSetting& operator=(const ScopedHostSetting&) = delete;
 
@@ -127,16 +134,14 @@ private:
 class LogCapture {
 public:
     LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     const std::string& Path() const { return m_path; }
-    std::vector<std::string> Lines() const;
+    std::vector<std::string> Lines() const { return SplitLines(ReadFile(m_path)); }
     // The message part of each line (after "): "), in order.
     std::vector<std::string> Messages() const;
     size_t Count(const std::string& text) const;
     bool Contains(const std::string& text) const { return Count(text) > 0; }
-    void Clear();
+    void Clear() { WriteFile(m_path, ""); }
 
 private:
     TempDir m_dir;
@@ -148,17 +153,15 @@ private:
 class AssertRecorder {
 public:
     AssertRecorder();
-    AssertRecorder(const AssertRecorder&) = delete;
-    AssertRecorder& operator=(const AssertRecorder&) = delete;
 
-    std::vector<std::string> Expressions() const;
+    std::vector<std::string> Expressions() const { return m_expressions.All(); }
     // The source each report named, in the same order.
-    std::vector<std::string> Paths() const;
-    size_t Count() const { return m_reports.All().size(); }
+    std::vector<std::string> Paths() const { return m_paths.All(); }
+    size_t Count() const { return m_expressions.All().size(); }
 
 private:
-    Recorder<std::pair<std::string, std::string>> m_reports;  // expression, path
-    CIM::testing::ScopedAssertHook m_hook;                    // last: set once the rest is built
+    Recorder<std::string> m_expressions, m_paths;
+    CIM::testing::ScopedAssertHook m_hook;  // last: set once the rest is built
 };
 
 }  // namespace cimtest

@@ -77,12 +77,9 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
     const std::tuple<CIM::EDestinationType, const char*, uint16_t, unsigned char, bool, int,
                      const char*>
         cases[] = {
-            {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234, 0, false, 0, nullptr},
             {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234, 1, false, 0, nullptr},
             {CIM::IPv4, "300.1.2.3", 1234, 0, false, 0, nullptr},
-            {CIM::IPv4, "300.1.2.3", 1234, 1, false, 0, nullptr},
             {CIM::IPv4, "127.0.0.1", 0, 0, false, 0, nullptr},  // refused like a closed port
-            {CIM::IPv4, "127.0.0.1", 0, 1, false, 0, nullptr},
             {CIM::HOSTNAME, "localhost", 1234, 0, false, 0, nullptr},
             {CIM::HOSTNAME, "localhost", 1234, 1, false, 0, nullptr},
             {CIM::IPv4, "127.0.0.1", refused, 5, false, 0, ") > Set connection error[111]."},
@@ -90,8 +87,7 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
             {CIM::IPv4, "127.0.0.1", unanswered, 1, true, 4000,
              ") > Connection_handler after close."}};
     for (const auto& [type, address, port, timeout, holdLoop, leastMs, logged] : cases) {
-        SCOPED_TRACE(std::string(address) + ":" + std::to_string(port) + " " +
-                     std::to_string(timeout));
+        SCOPED_TRACE(testing::Message() << address << ":" << port << " " << int(timeout));
         log.Clear();
         std::promise<void> release;
         if (holdLoop) {
@@ -142,18 +138,17 @@ void RunLoopPast(const boost::shared_ptr<CIM::TCCIMTask>& task, std::chrono::mil
 // while connected logs `destroyedLog`: its Disconnect before the template's
 // destructor, which then finds nothing left to do.
 template <typename Connection, typename Protocol>
-void OverlappingReadsThenTearDown(int rounds, unsigned seed, const char* destroyedLog) {
+void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
     cimtest::LogCapture log;
     cimtest::TestTask task;
     const CIM::EProtocolType protocol =
         std::is_same_v<Protocol, cimtest::ip::tcp> ? CIM::TCP : CIM::UDP;
     std::mt19937 random(seed);
-    // The first two rounds are the plain case: two timed reads, then at once
-    // Disconnect (or not) and destruction.
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < 150; ++round) {
         SCOPED_TRACE(round);
+        // The first two rounds are the plain case: reads timed 80 and 40 ms,
+        // then at once Disconnect (round 0) or not, and destruction.
         const bool plain = round < 2;
-        const int reads = plain ? 2 : int(random() % 4) + 1;
         std::list<Completion> completions;
         std::list<std::vector<uint8_t>> buffers;
         int longestMs = 0;
@@ -162,22 +157,18 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed, const char* destroy
         {
             auto connection = std::make_unique<Connection>(task.Get());
             ASSERT_TRUE(connection->Connect(Loopback(peer.Port(), protocol), 0));
-            for (int i = 0; i < reads; ++i) {
+            for (int i = 0, reads = plain ? 2 : int(random() % 4) + 1; i < reads; ++i) {
                 boost::optional<uint16_t> timeout;
-                if (plain) {
-                    timeout = uint16_t(i == 0 ? 80 : 40);
-                } else if (random() % 4 != 0) {
-                    timeout = uint16_t(random() % 30);
+                if (plain || random() % 4 != 0) {
+                    timeout = uint16_t(plain ? 80 - 40 * i : random() % 30);
                 }
                 longestMs = std::max(longestMs, int(timeout.value_or(0)));
                 connection->ReadData(buffers.emplace_back(8), timeout,
                                      completions.emplace_back().Callback());
             }
-            if (!plain && random() % 3 == 0) {
-                Completion sent;
-                connection->SendData({1, 2, 3}, sent.Callback());
-                sent.Wait();
-                echoed = true;
+            echoed = !plain && random() % 3 == 0;
+            if (echoed) {
+                cimtest::Send(*connection, {1, 2, 3});
             }
             log.Clear();
             if (plain ? round == 0 : random() % 2 == 0) {
@@ -205,17 +196,15 @@ void OverlappingReadsThenTearDown(int rounds, unsigned seed, const char* destroy
 
 TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
     OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(
-        150, 7,
-        R"(~TCCIMIpConnectionTcp\(17\) > .*t_connected \[true\])"
-        R"(.*unlock t_connected \[false\].*)"
-        R"(~TCCIMIpConnectionTcp\(19\) > done.*)"
-        R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
+        7, R"(~TCCIMIpConnectionTcp\(17\) > .*t_connected \[true\])"
+           R"(.*unlock t_connected \[false\].*)"
+           R"(~TCCIMIpConnectionTcp\(19\) > done.*)"
+           R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
     OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(
-        150, 11,
-        R"(~TCCIMIpConnectionUdp\(61\) > .*t_connected \[true\])"
-        R"(.*unlock t_connected \[false\].*)"
-        R"(~TCCIMIpConnectionUdp\(63\) > done.*)"
-        R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
+        11, R"(~TCCIMIpConnectionUdp\(61\) > .*t_connected \[true\])"
+            R"(.*unlock t_connected \[false\].*)"
+            R"(~TCCIMIpConnectionUdp\(63\) > done.*)"
+            R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
 }
 
 // A ConnectMulticast that fails after the socket was marked connected leaves

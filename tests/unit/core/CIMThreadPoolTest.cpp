@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "NetTestPeers.h"
 #include "TestSupport.h"
 
 #include <cimcore/CIMSemaphore.h>
@@ -9,41 +10,19 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <future>
 #include <memory>
-#include <set>
-#include <string>
-#include <vector>
 
-#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/thread/barrier.hpp>
 
 namespace {
 
-using CIM::TCCIMTask;
-using CIM::TCThreadPool;
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
-
-TEST(CIMThreadPoolTest, PoolWithoutWorkersJoinsAtOnceAndEachJoinOnlyLogs) {
-    cimtest::LogCapture log;
-    TCThreadPool pool("idle", 0);
-    EXPECT_TRUE(pool.GetThreadIds().empty());
-    const Clock::time_point start = Clock::now();
-    pool.Join();
-    pool.Join();
-    EXPECT_LT(Clock::now() - start, cimtest::Scaled(milliseconds(200)));
-    EXPECT_EQ(log.Messages(), std::vector<std::string>(2, "CIMThreadPool.cpp: Join(64) > "));
-}
-
+// A second Join, with no worker left, only logs.
 TEST(CIMThreadPoolTest, WorkersRunInParallelUnnamedAndJoinWaitsForPendingWork) {
+    cimtest::LogCapture log;
     const std::string processName = cimtest::ThreadName();
-    TCThreadPool pool("pool-name", 4);
-    const std::vector<boost::thread::id> ids = pool.GetThreadIds();
-    ASSERT_EQ(4u, std::set<boost::thread::id>(ids.begin(), ids.end()).size());
+    CIM::TCThreadPool pool("pool-name", 4);
     // Every handler waits until all have started: only four parallel workers
     // get through.
     boost::barrier allStarted(4);
@@ -54,34 +33,34 @@ TEST(CIMThreadPoolTest, WorkersRunInParallelUnnamedAndJoinWaitsForPendingWork) {
             allStarted.wait();
         });
     }
-    boost::asio::steady_timer timer(pool.GetIoContext(), milliseconds(60));
+    boost::asio::steady_timer timer(pool.GetIoContext(), std::chrono::milliseconds(60));
     std::atomic<bool> fired{false};
     timer.async_wait([&](const boost::system::error_code&) { fired = true; });
     pool.Join();
     EXPECT_TRUE(fired) << "Join left with a timer pending";
     EXPECT_EQ(4, unnamed.load()) << "a worker took a name";
+    const cimtest::Clock::time_point start = cimtest::Clock::now();
+    pool.Join();
+    EXPECT_LT(cimtest::Since(start), cimtest::Scaled(std::chrono::milliseconds(200)));
+    EXPECT_EQ(log.Messages(), std::vector<std::string>(2, "CIMThreadPool.cpp: Join(64) > "));
 }
 
 // Both from the first handler posted after construction.
 TEST(CIMThreadPoolTest, TaskIsNamedBeforeItsFirstHandlerAndCannotJoinItself) {
-    TCCIMTask task("cim-task-named");
-    std::promise<std::string> seen;
-    boost::asio::post(task.GetIoContext(), [&] {
-        std::string result = cimtest::ThreadName();
-        result +=
-            task.GetTaskThreadId() == boost::this_thread::get_id() ? " on task" : " elsewhere";
+    cimtest::TestTask task;
+    std::string seen;
+    cimtest::RunOnLoop(task.Get(), [&] {
+        seen = cimtest::ThreadName() +
+               (task.Get()->GetTaskThreadId() == boost::this_thread::get_id() ? " on task" : "");
         // Caught here: an exception leaving the loop ends the process.
         try {
-            task.Join();
+            task.Get()->Join();
         } catch (const boost::thread_resource_error& error) {
-            result += std::string(": ") + error.what();
+            seen += std::string(": ") + error.what();
         }
-        seen.set_value(result);
     });
-    EXPECT_EQ(
-        "cim-task-named on task: boost thread: trying joining itself: Resource deadlock avoided",
-        seen.get_future().get());
-    task.Join();
+    EXPECT_EQ("ipc-test on task: boost thread: trying joining itself: Resource deadlock avoided",
+              seen);
 }
 
 // A task's worker detached by the destructor would touch the freed loop once
@@ -91,7 +70,7 @@ TEST(CIMThreadPoolDeathTest, DestroyingAnUnjoinedTaskReportsAndFinishes) {
         {
             ::dup2(2, 1);  // the report's stdout line goes where the matcher reads
             cimtest::AssertRecorder recorder;
-            auto task = std::make_unique<TCCIMTask>("unjoined-task");
+            auto task = std::make_unique<CIM::TCCIMTask>("unjoined-task");
             CIM::TCCIMSemaphore parked(0);
             CIM::TCCIMSemaphore never(0);
             boost::asio::post(task->GetIoContext(), [&] {
