@@ -18,7 +18,12 @@
 
 #include <sched.h>
 
+class TCTask;
+
 namespace cimbench {
+
+// Sends a created legacy task its exit event, then destroys it.
+void EndLegacyTask(TCTask& task);
 
 enum class Role { kCimcore, kPeer, kDesignFloor, kMachineFloor, kPeerAndFloor };
 

@@ -103,11 +103,7 @@ double LegacyTasks(Run& run) {
         },
         [&] {
             for (auto& task : tasks) {
-                TSEvent exit;
-                exit.receiver = task.get();
-                exit.type = 0;
-                TCTask::Send(&exit, false, false);
-                task->Destroy();
+                EndLegacyTask(*task);
             }
         });
     LegacyCoreExport::Destroy();
@@ -151,11 +147,7 @@ double LegacyAlarms(Run& run) {
             }
             alarms.clear();
         });
-    TSEvent exit;
-    exit.receiver = &task;
-    exit.type = 0;
-    TCTask::Send(&exit, false, false);
-    task.Destroy();
+    EndLegacyTask(task);
     LegacyCoreExport::Destroy();
     return result;
 }

@@ -323,11 +323,7 @@ struct LegacyTask {
     ~LegacyTask() {
         if (started) {
             handler.TCHandler::Destroy();
-            TSEvent exit;
-            exit.receiver = &task;
-            exit.type = 0;
-            TCTask::Send(&exit, false, false);
-            task.Destroy();
+            EndLegacyTask(task);
         }
         LegacyCoreExport::Destroy();
     }
@@ -796,4 +792,13 @@ const bool kRegistered = [] {
 }();
 
 }  // namespace
+
+void EndLegacyTask(TCTask& task) {
+    TSEvent exit;
+    exit.receiver = &task;
+    exit.type = 0;
+    TCTask::Send(&exit, false, false);
+    task.Destroy();
+}
+
 }  // namespace cimbench
