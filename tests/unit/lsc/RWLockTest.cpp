@@ -54,19 +54,17 @@ TEST(RWLockTest, ReadersAndWritersUnderContentionKeepDataConsistent) {
     std::atomic<int> failedCalls{0}, tornReads{0};
     RunThreads(6, [&](int t) {
         for (int i = 0; i < 2000; ++i) {
-            bool ok;
             if (t < 2) {  // a writer: nested, and reading its own data
-                ok = lock.WLock() && lock.WLock();
+                bool ok = lock.WLock() && lock.WLock();
                 ++first;
                 ok = lock.RLock() && ok;
                 ++second;
-                ok = lock.RUnlock() && lock.WUnlock() && lock.WUnlock() && ok;
+                failedCalls += !(lock.RUnlock() && lock.WUnlock() && lock.WUnlock() && ok);
             } else {
-                ok = lock.RLock() && lock.RLock();
-                tornReads += first == second ? 0 : 1;
-                ok = lock.RUnlock() && lock.RUnlock() && ok;
+                const bool ok = lock.RLock() && lock.RLock();
+                tornReads += first != second;
+                failedCalls += !(lock.RUnlock() && lock.RUnlock() && ok);
             }
-            failedCalls += ok ? 0 : 1;
         }
     });
     EXPECT_EQ(failedCalls.load(), 0);
