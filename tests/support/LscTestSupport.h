@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <iterator>
 
 namespace cimtest {
 
@@ -30,31 +31,26 @@ inline bool SendTo(TCHandler* receiver, unsigned long type, bool sync, uintptr_t
 
 // Counted by the raw callbacks Before and After, passed as their context.
 struct Calls {
-    std::atomic<int> before{0}, after{0};
+    mutable std::atomic<int> before{0}, after{0};
     std::atomic<bool> beforeResult{false};
 };
 inline bool Before(const TSEvent*, const void* context) {
-    auto* calls = static_cast<Calls*>(const_cast<void*>(context));
-    ++calls->before;
-    return calls->beforeResult;
+    ++static_cast<const Calls*>(context)->before;
+    return static_cast<const Calls*>(context)->beforeResult;
 }
 inline bool After(const TSEvent*, const void* context) {
-    ++static_cast<Calls*>(const_cast<void*>(context))->after;
+    ++static_cast<const Calls*>(context)->after;
     return false;
 }
 
 // The valid entries of the sync-send table, copied under its lock.
 inline std::vector<TCSyncDet::PTSyncDetInfo> SyncTable() {
+    std::vector<TCSyncDet::PTSyncDetInfo> entries;
     TCSyncDet::m_pLock->Lock();
-    std::vector<TCSyncDet::PTSyncDetInfo> entries(
-        TCSyncDet::m_arrPCSyncDet, TCSyncDet::m_arrPCSyncDet + TCSyncDet::MAX_SYNC_TASKS);
+    std::copy_if(TCSyncDet::m_arrPCSyncDet, TCSyncDet::m_arrPCSyncDet + TCSyncDet::MAX_SYNC_TASKS,
+                 std::back_inserter(entries), [](auto& e) { return e.bValid; });
     TCSyncDet::m_pLock->Unlock();
-    entries.erase(std::remove_if(entries.begin(), entries.end(), [](auto& e) { return !e.bValid; }),
-                  entries.end());
     return entries;
-}
-inline int SyncEntries() {
-    return static_cast<int>(SyncTable().size());
 }
 
 // For the tests that need the runtime's global state.
@@ -65,15 +61,15 @@ protected:
 };
 
 // Counts the events its own handler executed, by type; Hold keeps its thread
-// inside a user event until Open.
+// inside a user event (tagged kHold) until Open.
 class HeldTask : public TCTask {
 public:
+    static constexpr uintptr_t kHold = ~uintptr_t(0);
     void Hold() {
         m_gate = std::promise<void>();
         m_entered = std::promise<void>();
         auto entered = m_entered.get_future();
-        m_hold = true;
-        ASSERT_TRUE(SendTo(this, EVENT_USER, false));
+        ASSERT_TRUE(SendTo(this, EVENT_USER, false, kHold));
         entered.wait();
     }
     void Open() { m_gate.set_value(); }
@@ -92,7 +88,7 @@ protected:
     }
     bool t_OnUser(const TSEvent* event) override {
         onUser(event);
-        if (m_hold.exchange(false)) {
+        if (event->word4 == kHold) {
             auto gate = m_gate.get_future();
             m_entered.set_value();
             gate.wait();
@@ -101,7 +97,6 @@ protected:
     }
 
 private:
-    std::atomic<bool> m_hold{false};
     std::promise<void> m_gate, m_entered;
 };
 

@@ -14,16 +14,6 @@ using namespace std::chrono_literals;
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 
-// Runs `body` as its thread's main function.
-struct BodyThread : TCThread {
-    explicit BodyThread(std::function<void()> body) : body(std::move(body)) {}
-    int t_Main() override {
-        body();
-        return 0;
-    }
-    std::function<void()> body;
-};
-
 TEST(SemaphoreTest, TryZeroWaitsTimedTryEndsAndAnOvertakenTryWaitsAgain) {
     TCSemaphore semaphore;
     ASSERT_TRUE(semaphore.Create(0));
@@ -37,10 +27,6 @@ TEST(SemaphoreTest, TryZeroWaitsTimedTryEndsAndAnOvertakenTryWaitsAgain) {
     EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"FlagCreate() == false"});
     EXPECT_TRUE(semaphore.Poll());
     EXPECT_FALSE(semaphore.Poll());
-    const auto start = Clock::now();
-    EXPECT_FALSE(semaphore.Try(60));
-    EXPECT_GE(Since(start), 58ms);
-    EXPECT_LT(Since(start), Scaled(800ms));
 
     // The give wakes a timed waiter, but this thread takes the unit back at
     // once; the waiter usually loses that race. When it wins the attempt
@@ -74,27 +60,30 @@ TEST(SemaphoreTest, TryZeroWaitsTimedTryEndsAndAnOvertakenTryWaitsAgain) {
 TEST(ThreadTest, RunsNamedWithItsPriorityAndCannotDestroyItself) {
     LogCapture log;
     AssertRecorder recorder;
-    char kernelName[17] = {};
-    bool destroyedItself = true;
-    std::promise<void> refused, release;
-    BodyThread thread([&] {
-        prctl(PR_GET_NAME, kernelName, 0, 0, 0);
-        destroyedItself = thread.Destroy();
-        refused.set_value();
-        release.get_future().wait();
-    });
+    struct : TCThread {
+        int t_Main() override {
+            prctl(PR_GET_NAME, kernelName, 0, 0, 0);
+            destroyedItself = Destroy();
+            refused.set_value();
+            release.get_future().wait();
+            return 0;
+        }
+        char kernelName[17] = {};
+        bool destroyedItself = true;
+        std::promise<void> refused, release;
+    } thread;
     ASSERT_TRUE(thread.Create("a-name-of-20-chars!!", 256 * 1024));
     EXPECT_TRUE(thread.SetPriority(2));  // waits for the kernel id itself
     EXPECT_FALSE(thread.SetPriority(3));
     EXPECT_EQ(getpriority(PRIO_PROCESS, id_t(thread.Tid())), 10);
-    refused.get_future().wait();
-    release.set_value();
-    EXPECT_FALSE(destroyedItself);
+    thread.refused.get_future().wait();
+    thread.release.set_value();
+    EXPECT_FALSE(thread.destroyedItself);
     EXPECT_EQ(recorder.Expressions(), std::vector<std::string>{"TCThreadSelf::Id() != Id()"});
     // Repository-relative, without extension, whatever the build machine.
     EXPECT_EQ(recorder.Paths(), std::vector<std::string>{"src/lsc/Thread"});
     EXPECT_EQ(log.Count("> Assert Error : Current Thread can't destroy itself"), 1u);
-    EXPECT_STREQ(kernelName, "a-name-of-20-ch");
+    EXPECT_STREQ(thread.kernelName, "a-name-of-20-ch");
     EXPECT_TRUE(thread.Destroy()) << "the refused Destroy left the thread created";
 }
 
