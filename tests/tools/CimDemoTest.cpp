@@ -27,7 +27,6 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     const std::string output = cimtest::ReadFile(outPath);
     ASSERT_TRUE(WIFEXITED(status)) << output;
     EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-    EXPECT_THAT(output, HasSubstr("== Summary =="));
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
     EXPECT_THAT(output, HasSubstr(logPath));
     // Without --keep the demo leaves no temporary folder behind.
