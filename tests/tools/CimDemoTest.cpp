@@ -2,13 +2,10 @@
 #include "TestSupport.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include <sys/wait.h>
 
@@ -27,7 +24,6 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     const std::string output = cimtest::ReadFile(outPath);
     ASSERT_TRUE(WIFEXITED(status)) << output;
     EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-    EXPECT_THAT(output, HasSubstr("== Summary =="));
     EXPECT_EQ(output.find("FAILED"), std::string::npos) << output;
     EXPECT_THAT(output, HasSubstr(logPath));
     // Without --keep the demo leaves no temporary folder behind.
@@ -40,8 +36,7 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     const std::string log = cimtest::ReadFile(logPath);
     ASSERT_FALSE(log.empty());
     EXPECT_EQ(log.back(), '\n') << "unterminated last line";
-    const std::vector<std::string> lines = cimtest::SplitLines(log);
-    for (const std::string& text : lines) {
+    for (const std::string& text : cimtest::SplitLines(log)) {
         EXPECT_TRUE(std::regex_match(text, line)) << text;
     }
     EXPECT_THAT(log, HasSubstr("AUTOLOCK ERROR"));
@@ -49,12 +44,11 @@ TEST(CimDemo, RunsEverySectionLogsOnlyWellFormedLinesAndCleansUp) {
     for (const char* report :
          {"> deadlock: dl-", "> deadlock ended: dl-", "> task loop stalled: demo-stall ",
           "> task loop recovered: demo-stall,"}) {
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                [report](const std::string& text) {
-                                    return text.find(report) != std::string::npos;
-                                }),
-                  1)
-            << report;
+        size_t count = 0;
+        for (size_t at = log.find(report); at != std::string::npos; at = log.find(report, at + 1)) {
+            ++count;
+        }
+        EXPECT_EQ(count, 1u) << report;
     }
 }
 
