@@ -9,7 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <cstdio>
@@ -19,15 +18,11 @@
 
 namespace {
 
-using cimtest::Clock;
-using cimtest::Completion;
-using cimtest::Loopback;
-using cimtest::Scaled;
-using cimtest::Since;
+using namespace cimtest;
 using std::chrono::milliseconds;
 
 TEST(CIMIpConnectionTypes, TextForms) {
-    cimtest::LogCapture log;
+    LogCapture log;
     EXPECT_EQ(CIM::ToString(CIM::UniCastDescriptor{CIM::IPv4, "10.0.0.5", 8080, CIM::TCP,
                                                    std::string("10.0.0.2"), uint16_t(4000)}),
               "UniCast [IPv4]TCP 10.0.0.5 : 8080(10.0.0.2:4000)");
@@ -51,8 +46,8 @@ TEST(CIMIpConnectionTypes, TextForms) {
 // time-out; and with the loop held up, so that the cancelled handler cannot
 // run, 3 s later, the handler then finding the promise gone.
 TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
-    cimtest::LogCapture log;
-    cimtest::TestTask task;
+    LogCapture log;
+    TestTask task;
     CIM::TCCIMIpConnectionTcp tcp(task.Get());
     std::vector<uint8_t> data(8);
     Completion read, send;
@@ -63,14 +58,13 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
         EXPECT_EQ(completion->Wait().error.value(), 103);
     }
 
-    namespace ip = cimtest::ip;
     // Bound, never listening: refuses.
-    const ip::tcp::socket refusing(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    const ip::tcp::socket refusing(PeerContext(), {ip::address_v4::loopback(), 0});
     // Never answers: its accept queue (backlog 0: one entry) is full, so the
     // kernel drops further SYNs.
-    ip::tcp::acceptor silent(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    ip::tcp::acceptor silent(PeerContext(), {ip::address_v4::loopback(), 0});
     silent.listen(0);
-    ip::tcp::socket filler(cimtest::PeerContext());
+    ip::tcp::socket filler(PeerContext());
     filler.connect(silent.local_endpoint());
     const uint16_t refused = refusing.local_endpoint().port(),
                    unanswered = silent.local_endpoint().port();
@@ -99,11 +93,11 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
         EXPECT_GE(Since(start), milliseconds(leastMs));
         EXPECT_LT(Since(start), milliseconds(leastMs) + Scaled(milliseconds(1000)));
         release.set_value();
-        cimtest::RunOnLoop(task.Get());
+        RunOnLoop(task.Get());
         if (logged) {
             EXPECT_EQ(log.Count(logged), 1u);
         }
-        cimtest::EchoPeer<cimtest::ip::tcp> peer;
+        EchoPeer<ip::tcp> peer;
         EXPECT_TRUE(tcp.Connect(Loopback(peer.Port(), CIM::TCP), timeout));
         tcp.Disconnect();
     }
@@ -139,10 +133,9 @@ void RunLoopPast(const boost::shared_ptr<CIM::TCCIMTask>& task, std::chrono::mil
 // destructor, which then finds nothing left to do.
 template <typename Connection, typename Protocol>
 void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
-    cimtest::LogCapture log;
-    cimtest::TestTask task;
-    const CIM::EProtocolType protocol =
-        std::is_same_v<Protocol, cimtest::ip::tcp> ? CIM::TCP : CIM::UDP;
+    LogCapture log;
+    TestTask task;
+    const CIM::EProtocolType protocol = std::is_same_v<Protocol, ip::tcp> ? CIM::TCP : CIM::UDP;
     std::mt19937 random(seed);
     for (int round = 0; round < 150; ++round) {
         SCOPED_TRACE(round);
@@ -153,7 +146,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
         std::list<std::vector<uint8_t>> buffers;
         int longestMs = 0;
         bool echoed = false;
-        cimtest::EchoPeer<Protocol> peer;  // a TCP peer answers one connection
+        EchoPeer<Protocol> peer;  // a TCP peer answers one connection
         {
             auto connection = std::make_unique<Connection>(task.Get());
             ASSERT_TRUE(connection->Connect(Loopback(peer.Port(), protocol), 0));
@@ -168,7 +161,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
             }
             echoed = !plain && random() % 3 == 0;
             if (echoed) {
-                cimtest::Send(*connection, {1, 2, 3});
+                Send(*connection, {1, 2, 3});
             }
             log.Clear();
             if (plain ? round == 0 : random() % 2 == 0) {
@@ -185,7 +178,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
                 << error.message();
         }
         if (round == 1) {
-            EXPECT_THAT(cimtest::ReadFile(log.Path()), testing::ContainsRegex(destroyedLog));
+            EXPECT_THAT(ReadFile(log.Path()), testing::ContainsRegex(destroyedLog));
         }
         RunLoopPast(task.Get(), std::chrono::milliseconds(longestMs + 20));
         for (const Completion& completion : completions) {
@@ -195,12 +188,12 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
 }
 
 TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, ip::tcp>(
         7, R"(~TCCIMIpConnectionTcp\(17\) > .*t_connected \[true\])"
            R"(.*unlock t_connected \[false\].*)"
            R"(~TCCIMIpConnectionTcp\(19\) > done.*)"
            R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, ip::udp>(
         11, R"(~TCCIMIpConnectionUdp\(61\) > .*t_connected \[true\])"
             R"(.*unlock t_connected \[false\].*)"
             R"(~TCCIMIpConnectionUdp\(63\) > done.*)"
@@ -213,7 +206,7 @@ TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
 TEST(CIMIpConnection, FailedMulticastConnectLeavesADisconnectThatThrows) {
     EXPECT_DEATH(
         {
-            cimtest::TestTask task;
+            TestTask task;
             auto* udp = new CIM::TCCIMIpConnectionUdp(task.Get());
             try {
                 udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}});
