@@ -70,7 +70,8 @@ TEST(CIMThreadPoolDeathTest, DestroyingAnUnjoinedTaskReportsAndFinishes) {
             ::dup2(2, 1);  // the report's stdout line goes where the matcher reads
             cimtest::AssertRecorder recorder;
             auto task = std::make_unique<CIM::TCCIMTask>("unjoined-task");
-            CIM::TCCIMSemaphore parked(0), never(0);
+            CIM::TCCIMSemaphore parked(0);
+            CIM::TCCIMSemaphore never(0);
             boost::asio::post(task->GetIoContext(), [&] {
                 parked.Give();
                 never.Take();
