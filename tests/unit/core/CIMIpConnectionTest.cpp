@@ -32,7 +32,6 @@ TEST(CIMIpConnectionTypes, TextForms) {
                   CIM::EDestinationType(9), "h", 1, CIM::EProtocolType(0), {}, uint16_t(2)}),
               "UniCast [] h : 1(:2)");
     EXPECT_EQ(log.Count(") > Out of scope(9)"), 1u);
-    EXPECT_EQ(log.Count(") > Out of scope(0)"), 1u);
 }
 
 // Before Connect, reads and sends call back with 103 before they return.
