@@ -201,7 +201,7 @@ TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
 // destructor therefore ends the process; this test keeps it.
 TEST(CIMIpConnection, FailedMulticastConnectLeavesADisconnectThatThrows) {
     TestTask task;
-    static std::vector<CIM::TCCIMIpConnectionUdp*> kept;
+    static auto& kept = *new std::vector<CIM::TCCIMIpConnectionUdp*>;  // never destroyed
     auto* udp = kept.emplace_back(new CIM::TCCIMIpConnectionUdp(task.Get()));
     EXPECT_THROW(udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}}),
                  boost::system::system_error);
