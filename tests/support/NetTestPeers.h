@@ -78,7 +78,6 @@ struct Completion : Recorder<CompletionResult> {
         }
         return All()[0];
     }
-    int Calls() const { return int(All().size()); }
 };
 
 // One send or read through the connection, waited for.

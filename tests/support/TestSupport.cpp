@@ -8,8 +8,6 @@
 #include <stdexcept>
 
 #include <ftw.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace cimtest {
 
@@ -33,19 +31,16 @@ void JoinAll(std::vector<std::thread>& threads) {
     }
 }
 
-TempDir::TempDir() {
-    char pattern[] = "/tmp/cimcore-test-XXXXXX";
-    if (::mkdtemp(pattern) == nullptr) {
+TempDir::TempDir() : m_path("/tmp/cimcore-test-XXXXXX") {
+    if (::mkdtemp(m_path.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
-    m_path = pattern;
-}
-
-TempDir::~TempDir() {
-    ::nftw(
-        m_path.c_str(),
-        [](const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    m_undo = [path = m_path] {
+        ::nftw(
+            path.c_str(),
+            [](const char* file, const struct stat*, int, FTW*) { return ::remove(file); }, 16,
+            FTW_DEPTH | FTW_PHYS);
+    };
 }
 
 std::string ReadFile(const std::string& path) {
@@ -68,24 +63,20 @@ void WriteFile(const std::string& path, const std::string& text) {
 }
 
 std::string ThreadName() {
-    const long tid = ::syscall(SYS_gettid);
-    const std::string comm = ReadFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+    const std::string comm = ReadFile("/proc/thread-self/comm");
     return comm.substr(0, comm.find('\n'));
 }
 
-ScopedEnv::ScopedEnv(const char* name, const std::string& value) : m_name(name) {
+ScopedEnv::ScopedEnv(const char* name, const std::string& value) {
     const char* previous = std::getenv(name);
-    m_had = previous != nullptr;
-    m_previous = m_had ? previous : "";
+    m_undo = [name, had = previous != nullptr, old = std::string(previous ? previous : "")] {
+        had ? ::setenv(name, old.c_str(), 1) : ::unsetenv(name);
+    };
     ::setenv(name, value.c_str(), 1);
 }
 
-ScopedEnv::~ScopedEnv() {
-    m_had ? ::setenv(m_name, m_previous.c_str(), 1) : ::unsetenv(m_name);
-}
-
-ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value)
-    : m_setting(setting), m_previous(cimhost::GetSetting(setting)) {
+ScopedHostSetting::ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value) {
+    m_undo = [setting, old = cimhost::GetSetting(setting)] { cimhost::SetSetting(setting, old); };
     cimhost::SetSetting(setting, value);
 }
 

@@ -57,15 +57,10 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_values;
     }
-    // Waits until `done(values)` holds or `limit` (scaled) has passed.
-    template <class Condition>
-    bool Await(Condition done, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, Scaled(limit), [&] { return done(m_values); });
-    }
+    // Waits until `count` values have come or `limit` (scaled) has passed.
     bool AwaitCount(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
-        return Await([count](const std::vector<T>& values) { return values.size() >= count; },
-                     limit);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, Scaled(limit), [&] { return m_values.size() >= count; });
     }
 
 private:
@@ -74,13 +69,22 @@ private:
     std::vector<T> m_values;  // guarded by m_mutex
 };
 
+// Runs `m_undo` when it goes: undoes what a test changed for its lifetime.
+class ScopedUndo {
+public:
+    ScopedUndo() = default;
+    ~ScopedUndo() { m_undo(); }
+    ScopedUndo(const ScopedUndo&) = delete;
+    ScopedUndo& operator=(const ScopedUndo&) = delete;
+
+protected:
+    std::function<void()> m_undo = [] {};
+};
+
 // A folder under /tmp that is removed with everything in it.
-class TempDir {
+class TempDir : ScopedUndo {
 public:
     TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& Path() const { return m_path; }
     std::string File(const std::string& name) const { return m_path + "/" + name; }
 
@@ -100,34 +104,17 @@ inline bool Exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-// The calling thread's name as the kernel shows it (/proc/self/task/TID/comm).
+// The calling thread's name as the kernel shows it (/proc/thread-self/comm).
 std::string ThreadName();
 
 // Sets an environment variable for its lifetime, then restores the old state.
-class ScopedEnv {
-public:
+struct ScopedEnv : ScopedUndo {
     ScopedEnv(const char* name, const std::string& value);
-    ~ScopedEnv();
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    const char* m_name;
-    std::string m_previous;
-    bool m_had;
 };
 
 // Changes a host platform setting for its lifetime, then restores it.
-class ScopedHostSetting {
-public:
+struct ScopedHostSetting : ScopedUndo {
     ScopedHostSetting(cimhost::EHostSetting setting, const std::string& value);
-    ~ScopedHostSetting() { cimhost::SetSetting(m_setting, m_previous); }
-    ScopedHostSetting(const ScopedHostSetting&) = delete;
-    ScopedHostSetting& operator=(const ScopedHostSetting&) = delete;
-
-private:
-    cimhost::EHostSetting m_setting;
-    std::string m_previous;
 };
 
 // Sends the platform log to a fresh file for its lifetime and reads it back.
@@ -157,7 +144,6 @@ public:
     std::vector<std::string> Expressions() const { return m_expressions.All(); }
     // The source each report named, in the same order.
     std::vector<std::string> Paths() const { return m_paths.All(); }
-    size_t Count() const { return m_expressions.All().size(); }
 
 private:
     Recorder<std::string> m_expressions, m_paths;

@@ -4,30 +4,23 @@
 #include <cimcore/CIMIpConnectionUdp.h>
 
 #include "NetTestPeers.h"
-#include "TestSupport.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include <cstdio>
 #include <list>
 #include <memory>
 #include <random>
 
 namespace {
 
-using cimtest::Clock;
-using cimtest::Completion;
-using cimtest::Loopback;
-using cimtest::Scaled;
-using cimtest::Since;
+using namespace cimtest;
 using std::chrono::milliseconds;
 
 TEST(CIMIpConnectionTypes, TextForms) {
-    cimtest::LogCapture log;
+    LogCapture log;
     EXPECT_EQ(CIM::ToString(CIM::UniCastDescriptor{CIM::IPv4, "10.0.0.5", 8080, CIM::TCP,
                                                    std::string("10.0.0.2"), uint16_t(4000)}),
               "UniCast [IPv4]TCP 10.0.0.5 : 8080(10.0.0.2:4000)");
@@ -39,38 +32,36 @@ TEST(CIMIpConnectionTypes, TextForms) {
                   CIM::EDestinationType(9), "h", 1, CIM::EProtocolType(0), {}, uint16_t(2)}),
               "UniCast [] h : 1(:2)");
     EXPECT_EQ(log.Count(") > Out of scope(9)"), 1u);
-    EXPECT_EQ(log.Count(") > Out of scope(0)"), 1u);
 }
 
 // Before Connect, reads and sends call back with 103 before they return.
 // A failed Connect gives false and leaves the socket closed, so the next
 // good Connect on the object works: bad descriptors fail at once, with or
 // without a time-out (a host name at the socket options, set before any
-// socket is opened, or earlier, where nothing resolves it); a refused connect
+// socket is opened, or an address that does not parse); a refused connect
 // as soon as its handler has run; a peer that never answers after the
 // time-out; and with the loop held up, so that the cancelled handler cannot
 // run, 3 s later, the handler then finding the promise gone.
 TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
-    cimtest::LogCapture log;
-    cimtest::TestTask task;
+    LogCapture log;
+    TestTask task;
     CIM::TCCIMIpConnectionTcp tcp(task.Get());
     std::vector<uint8_t> data(8);
     Completion read, send;
     tcp.ReadData(data, uint16_t(20), read.Callback());
     tcp.SendData(data, send.Callback());
     for (Completion* completion : {&read, &send}) {
-        ASSERT_EQ(completion->Calls(), 1);
+        ASSERT_EQ(completion->All().size(), 1u);
         EXPECT_EQ(completion->Wait().error.value(), 103);
     }
 
-    namespace ip = cimtest::ip;
     // Bound, never listening: refuses.
-    const ip::tcp::socket refusing(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    const ip::tcp::socket refusing(PeerContext(), {ip::address_v4::loopback(), 0});
     // Never answers: its accept queue (backlog 0: one entry) is full, so the
     // kernel drops further SYNs.
-    ip::tcp::acceptor silent(cimtest::PeerContext(), {ip::address_v4::loopback(), 0});
+    ip::tcp::acceptor silent(PeerContext(), {ip::address_v4::loopback(), 0});
     silent.listen(0);
-    ip::tcp::socket filler(cimtest::PeerContext());
+    ip::tcp::socket filler(PeerContext());
     filler.connect(silent.local_endpoint());
     const uint16_t refused = refusing.local_endpoint().port(),
                    unanswered = silent.local_endpoint().port();
@@ -79,9 +70,7 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
         cases[] = {
             {CIM::DESTINATION_BY_ILLEGAL, "127.0.0.1", 1234, 1, false, 0, nullptr},
             {CIM::IPv4, "300.1.2.3", 1234, 0, false, 0, nullptr},
-            {CIM::IPv4, "127.0.0.1", 0, 0, false, 0, nullptr},  // refused like a closed port
             {CIM::HOSTNAME, "localhost", 1234, 0, false, 0, nullptr},
-            {CIM::HOSTNAME, "localhost", 1234, 1, false, 0, nullptr},
             {CIM::IPv4, "127.0.0.1", refused, 5, false, 0, ") > Set connection error[111]."},
             {CIM::IPv4, "127.0.0.1", unanswered, 1, false, 1000, ") > Set connection error[125]."},
             {CIM::IPv4, "127.0.0.1", unanswered, 1, true, 4000,
@@ -99,11 +88,11 @@ TEST(CIMIpConnection, FailedConnectsAndUnconnectedCallsLeaveTheObjectReusable) {
         EXPECT_GE(Since(start), milliseconds(leastMs));
         EXPECT_LT(Since(start), milliseconds(leastMs) + Scaled(milliseconds(1000)));
         release.set_value();
-        cimtest::RunOnLoop(task.Get());
+        RunOnLoop(task.Get());
         if (logged) {
             EXPECT_EQ(log.Count(logged), 1u);
         }
-        cimtest::EchoPeer<cimtest::ip::tcp> peer;
+        EchoPeer<ip::tcp> peer;
         EXPECT_TRUE(tcp.Connect(Loopback(peer.Port(), CIM::TCP), timeout));
         tcp.Disconnect();
     }
@@ -135,14 +124,19 @@ void RunLoopPast(const boost::shared_ptr<CIM::TCCIMTask>& task, std::chrono::mil
 // returns only when nothing of the connection is left on the loop: every
 // callback has come, exactly once, and no read alarm calls into a connection
 // that is gone (the sanitizer builds catch that). A connection destroyed
-// while connected logs `destroyedLog`: its Disconnect before the template's
-// destructor, which then finds nothing left to do.
+// while connected logs its Disconnect (at `line` of its own destructor) before
+// the template's destructor, which then finds nothing left to do.
 template <typename Connection, typename Protocol>
-void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
-    cimtest::LogCapture log;
-    cimtest::TestTask task;
-    const CIM::EProtocolType protocol =
-        std::is_same_v<Protocol, cimtest::ip::tcp> ? CIM::TCP : CIM::UDP;
+void OverlappingReadsThenTearDown(unsigned seed, CIM::EProtocolType protocol,
+                                  const std::string& kind, int line) {
+    const std::string name = "~TCCIMIpConnection" + kind + "\\(",
+                      destroyedLog =
+                          name + std::to_string(line) +
+                          R"(\) > .*t_connected \[true\].*unlock t_connected \[false\].*)" + name +
+                          std::to_string(line + 2) +
+                          R"(\) > done.*CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)";
+    LogCapture log;
+    TestTask task;
     std::mt19937 random(seed);
     for (int round = 0; round < 150; ++round) {
         SCOPED_TRACE(round);
@@ -153,7 +147,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
         std::list<std::vector<uint8_t>> buffers;
         int longestMs = 0;
         bool echoed = false;
-        cimtest::EchoPeer<Protocol> peer;  // a TCP peer answers one connection
+        EchoPeer<Protocol> peer;  // a TCP peer answers one connection
         {
             auto connection = std::make_unique<Connection>(task.Get());
             ASSERT_TRUE(connection->Connect(Loopback(peer.Port(), protocol), 0));
@@ -168,7 +162,7 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
             }
             echoed = !plain && random() % 3 == 0;
             if (echoed) {
-                cimtest::Send(*connection, {1, 2, 3});
+                Send(*connection, {1, 2, 3});
             }
             log.Clear();
             if (plain ? round == 0 : random() % 2 == 0) {
@@ -176,58 +170,44 @@ void OverlappingReadsThenTearDown(unsigned seed, const char* destroyedLog) {
             }
         }
         // Aborted by the alarm or the close, at the end of the stream that
-        // the shutdown makes, or answered by the echo.
+        // the shutdown makes, or answered by the echo. An echo that arrives
+        // after the shutdown resets the connection (the kernel's answer to
+        // data on a socket shut for reading) before the close aborts the read.
         for (const Completion& completion : completions) {
-            ASSERT_EQ(completion.Calls(), 1);
+            ASSERT_EQ(completion.All().size(), 1u);
             const boost::system::error_code error = completion.All()[0].error;
             EXPECT_TRUE(error == boost::asio::error::operation_aborted ||
-                        error == boost::asio::error::eof || (echoed && !error))
+                        error == boost::asio::error::eof ||
+                        (echoed && (!error || error == boost::asio::error::connection_reset)))
                 << error.message();
         }
         if (round == 1) {
-            EXPECT_THAT(cimtest::ReadFile(log.Path()), testing::ContainsRegex(destroyedLog));
+            EXPECT_THAT(ReadFile(log.Path()), testing::ContainsRegex(destroyedLog));
         }
         RunLoopPast(task.Get(), std::chrono::milliseconds(longestMs + 20));
         for (const Completion& completion : completions) {
-            EXPECT_EQ(completion.Calls(), 1);
+            EXPECT_EQ(completion.All().size(), 1u);
         }
     }
 }
 
 TEST(CIMIpConnection, SoakOfReadsDisconnectsAndDestructionOnOneTask) {
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, cimtest::ip::tcp>(
-        7, R"(~TCCIMIpConnectionTcp\(17\) > .*t_connected \[true\])"
-           R"(.*unlock t_connected \[false\].*)"
-           R"(~TCCIMIpConnectionTcp\(19\) > done.*)"
-           R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
-    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, cimtest::ip::udp>(
-        11, R"(~TCCIMIpConnectionUdp\(61\) > .*t_connected \[true\])"
-            R"(.*unlock t_connected \[false\].*)"
-            R"(~TCCIMIpConnectionUdp\(63\) > done.*)"
-            R"(CIMIpConnection.h: ~TCCIMIpConnection\(64\) > this \[)");
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionTcp, ip::tcp>(7, CIM::TCP, "Tcp", 17);
+    OverlappingReadsThenTearDown<CIM::TCCIMIpConnectionUdp, ip::udp>(11, CIM::UDP, "Udp", 61);
 }
 
 // A ConnectMulticast that fails after the socket was marked connected leaves
 // an object whose Disconnect throws (there is no group to leave) and whose
-// destructor therefore ends the process.
+// destructor therefore ends the process; this test keeps it.
 TEST(CIMIpConnection, FailedMulticastConnectLeavesADisconnectThatThrows) {
-    EXPECT_DEATH(
-        {
-            cimtest::TestTask task;
-            auto* udp = new CIM::TCCIMIpConnectionUdp(task.Get());
-            try {
-                udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}});
-            } catch (const boost::system::system_error&) {
-            }
-            try {
-                udp->Disconnect();
-            } catch (const boost::system::system_error&) {
-                std::fprintf(stderr, "Disconnect threw while connected [%d]\n",
-                             int(udp->IsConnected()));
-            }
-            delete udp;
-        },
-        "Disconnect threw while connected \\[1\\]");
+    TestTask task;
+    static auto& kept = *new std::vector<CIM::TCCIMIpConnectionUdp*>;  // never destroyed
+    auto* udp = kept.emplace_back(new CIM::TCCIMIpConnectionUdp(task.Get()));
+    EXPECT_THROW(udp->ConnectMulticast({CIM::IPv4, "239.1.2.3", 0, true, {"ten.0.0.1"}}),
+                 boost::system::system_error);
+    EXPECT_TRUE(udp->IsConnected());
+    EXPECT_THROW(udp->Disconnect(), boost::system::system_error);
+    EXPECT_DEATH(delete udp, "terminate called after throwing");
 }
 
 }  // namespace

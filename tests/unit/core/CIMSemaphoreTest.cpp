@@ -10,12 +10,10 @@
 
 namespace {
 
-using CIM::TCCIMSemaphore;
-
 // Starts below zero: waiters pass only once the debt is paid, and each give
 // lets exactly one through.
 TEST(CIMSemaphoreTest, DebtFirstThenOneWaiterPerGive) {
-    TCCIMSemaphore gate(-1), released(0);
+    CIM::TCCIMSemaphore gate(-1), released(0);
     std::atomic<int> passed{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i) {
@@ -37,7 +35,7 @@ TEST(CIMSemaphoreTest, DebtFirstThenOneWaiterPerGive) {
 
 // A lost unit leaves a taker blocked; a duplicated one is left over.
 TEST(CIMSemaphoreTest, NoUnitIsLostOrDuplicatedUnderContention) {
-    TCCIMSemaphore semaphore(0);
+    CIM::TCCIMSemaphore semaphore(0);
     cimtest::RunThreads(4, [&semaphore](int i) {
         for (int n = 0; n < 20000; ++n) {
             i % 2 == 0 ? semaphore.Give() : semaphore.Take();

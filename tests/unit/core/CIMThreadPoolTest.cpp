@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "NetTestPeers.h"
-#include "TestSupport.h"
 
 #include <cimcore/CIMSemaphore.h>
 
