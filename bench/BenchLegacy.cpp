@@ -294,6 +294,21 @@ double Produce(long n, int producers, Pinning& pinning, Latch& done, Run& run, S
     return seconds;
 }
 
+// Starts `consume` on the consumer's thread, then produces as above; `release`
+// then lets a consumer that waits for more leave.
+template <class Consume, class Send, class Release>
+double WithConsumer(Run& run, int producers, Pinning& pinning, Latch& done, Consume consume,
+                    Send send, Release release) {
+    pinning.Consumer();
+    std::thread consumer(consume);
+    const double seconds = Produce(run.Iterations(), producers, pinning, done, run, send);
+    release();
+    consumer.join();
+    return seconds;
+}
+
+const auto kNothing = [] {};
+
 // A task whose handler counts events and signals when the last has come.
 class CountingHandler : public TCHandler {
 public:
@@ -373,33 +388,33 @@ double DesignAsync(Run& run, int producers, Placement placement) {
     handler.queue = &queue;
     handler.target = run.Iterations();
     handler.done = &done;
-    const long n = run.Iterations();
-    pinning.Consumer();
-    std::thread consumer([&] {
-        design::Event event;
-        for (;;) {
-            queue.Get(&event);
-            if (event.words[0] == 1) {
-                return;
+    return WithConsumer(
+        run, producers, pinning, done,
+        [&] {
+            design::Event event;
+            for (;;) {
+                queue.Get(&event);
+                if (event.words[0] == 1) {
+                    return;
+                }
+                design::Queue::Execute(event);
             }
-            design::Queue::Execute(event);
-        }
-    });
-    const double seconds = Produce(n, producers, pinning, done, run, [&] {
-        design::Event event;
-        event.receiver = &handler;
-        event.words[0] = 10;
-        while (!design::Send(event, false)) {
-            sched_yield();
-        }
-    });
-    design::Event stop;
-    stop.words[0] = 1;
-    while (!queue.Put(stop, false)) {
-        sched_yield();
-    }
-    consumer.join();
-    return seconds;
+        },
+        [&] {
+            design::Event event;
+            event.receiver = &handler;
+            event.words[0] = 10;
+            while (!design::Send(event, false)) {
+                sched_yield();
+            }
+        },
+        [&] {
+            design::Event stop;
+            stop.words[0] = 1;
+            while (!queue.Put(stop, false)) {
+                sched_yield();
+            }
+        });
 }
 
 double AceAsync(Run& run, int producers, Placement placement) {
@@ -413,26 +428,25 @@ double AceAsync(Run& run, int producers, Placement placement) {
     queue.low_water_mark(256 * sizeof(TSEvent));
     Latch done;
     const long n = run.Iterations();
-    pinning.Consumer();
-    std::thread consumer([&] {
-        for (long i = 0; i < n; ++i) {
-            ACE_Message_Block* block = nullptr;
-            if (queue.dequeue_head(block) < 0) {
-                return;
+    return WithConsumer(
+        run, producers, pinning, done,
+        [&] {
+            for (long i = 0; i < n; ++i) {
+                ACE_Message_Block* block = nullptr;
+                if (queue.dequeue_head(block) < 0) {
+                    return;
+                }
+                block->release();
             }
-            block->release();
-        }
-        done.Set();
-    });
-    const double seconds = Produce(n, producers, pinning, done, run, [&] {
-        TSEvent event;
-        ACE_Message_Block* block = new ACE_Message_Block(sizeof event);
-        block->copy(reinterpret_cast<const char*>(&event), sizeof event);
-        queue.enqueue_tail(block);
-    });
-    queue.deactivate();
-    consumer.join();
-    return seconds;
+            done.Set();
+        },
+        [&] {
+            TSEvent event;
+            ACE_Message_Block* block = new ACE_Message_Block(sizeof event);
+            block->copy(reinterpret_cast<const char*>(&event), sizeof event);
+            queue.enqueue_tail(block);
+        },
+        [&] { queue.deactivate(); });
 }
 
 class EventNotification : public Poco::Notification {
@@ -448,21 +462,18 @@ double PocoAsync(Run& run, int producers, Placement placement) {
     Poco::NotificationQueue queue;
     Latch done;
     const long n = run.Iterations();
-    pinning.Consumer();
-    std::thread consumer([&] {
-        for (long i = 0; i < n; ++i) {
-            Poco::AutoPtr<Poco::Notification> note(queue.waitDequeueNotification());
-            if (note.isNull()) {
-                return;
+    return WithConsumer(
+        run, producers, pinning, done,
+        [&] {
+            for (long i = 0; i < n; ++i) {
+                Poco::AutoPtr<Poco::Notification> note(queue.waitDequeueNotification());
+                if (note.isNull()) {
+                    return;
+                }
             }
-        }
-        done.Set();
-    });
-    const double seconds = Produce(n, producers, pinning, done, run,
-                                   [&] { queue.enqueueNotification(new EventNotification); });
-    queue.wakeUpAll();
-    consumer.join();
-    return seconds;
+            done.Set();
+        },
+        [&] { queue.enqueueNotification(new EventNotification); }, [&] { queue.wakeUpAll(); });
 }
 
 // A ring of 256 under a mutex with two conditions, notified on every put
@@ -557,17 +568,16 @@ double PlainRingAsync(Run& run, int producers, Placement placement) {
     PlainRing ring;
     Latch done;
     const long n = run.Iterations();
-    pinning.Consumer();
-    std::thread consumer([&] {
-        TSEvent event;
-        for (long i = 0; i < n; ++i) {
-            ring.Get(&event);
-        }
-        done.Set();
-    });
-    const double seconds = Produce(n, producers, pinning, done, run, [&] { ring.Put(TSEvent()); });
-    consumer.join();
-    return seconds;
+    return WithConsumer(
+        run, producers, pinning, done,
+        [&] {
+            TSEvent event;
+            for (long i = 0; i < n; ++i) {
+                ring.Get(&event);
+            }
+            done.Set();
+        },
+        [&] { ring.Put(TSEvent()); }, kNothing);
 }
 
 double BatchedRingAsync(Run& run, int producers, Placement placement) {
@@ -578,17 +588,16 @@ double BatchedRingAsync(Run& run, int producers, Placement placement) {
     BatchedRing ring;
     Latch done;
     const long n = run.Iterations();
-    pinning.Consumer();
-    std::thread consumer([&] {
-        std::vector<TSEvent> events(256);
-        for (long got = 0; got < n;) {
-            got += ring.GetAll(events.data());
-        }
-        done.Set();
-    });
-    const double seconds = Produce(n, producers, pinning, done, run, [&] { ring.Put(TSEvent()); });
-    consumer.join();
-    return seconds;
+    return WithConsumer(
+        run, producers, pinning, done,
+        [&] {
+            std::vector<TSEvent> events(256);
+            for (long got = 0; got < n;) {
+                got += ring.GetAll(events.data());
+            }
+            done.Set();
+        },
+        [&] { ring.Put(TSEvent()); }, kNothing);
 }
 
 // ---- synchronous round trip ---------------------------------------------------

@@ -179,29 +179,49 @@ public:
     void OnTimer(boost::shared_ptr<CIM::TCCIMAlarm>) override {}
 };
 
+// Times kAlarms calls of `arm`, then `settle`, which waits until the loop has
+// carried them out (false: it did not); reports the heap bytes per alarm and
+// returns the time scaled to the run's iterations.
+template <class Arm, class Settle>
+double TimeArming(Run& run, Arm arm, Settle settle) {
+    const long before = HeapBytesInUse();
+    const auto start = Clock::now();
+    for (long i = 0; i < kAlarms; ++i) {
+        arm();
+    }
+    if (!settle()) {
+        run.Fail("the loop did not arm every alarm");
+    }
+    const double seconds = SecondsSince(start);
+    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(kAlarms),
+              "B");
+    return seconds * double(run.Iterations()) / double(kAlarms);
+}
+
+// Handlers run in order on one thread or strand: once this one has run, so
+// has every handler posted before it.
+template <class Executor>
+bool RanEverythingPosted(const Executor& executor) {
+    Latch ran;
+    boost::asio::post(executor, [&ran] { ran.Set(); });
+    return ran.Wait();
+}
+
 // Time and heap bytes from the first CreateAlarm to the moment the task has
 // carried out every SetTimer.
 double ArmAlarms(Run& run) {
     auto task = boost::make_shared<CIM::TCCIMTask>("bench-arm");
     QuietObserver observer;
     std::vector<boost::shared_ptr<CIM::TCCIMAlarm>> alarms;
-    const long n = kAlarms;
-    alarms.reserve(size_t(n));
-    Latch armed;
-    const long before = HeapBytesInUse();
-    const auto start = Clock::now();
-    for (long i = 0; i < n; ++i) {
-        alarms.push_back(CIM::TCCIMAlarm::CreateAlarm(
-            &observer, task, [] {}, CIM::ALARM_COUNT_ONCE, "bench"));
-        alarms.back()->SetTimer(kFarAwayMs);
-    }
-    // Requests run on the strand in order: this one comes after every SetTimer.
-    boost::asio::post(task->GetStrand(), [&] { armed.Set(); });
-    if (!armed.Wait()) {
-        run.Fail("the task did not arm the alarms");
-    }
-    const double seconds = SecondsSince(start);
-    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(n), "B");
+    alarms.reserve(size_t(kAlarms));
+    const double seconds = TimeArming(
+        run,
+        [&] {
+            alarms.push_back(CIM::TCCIMAlarm::CreateAlarm(
+                &observer, task, [] {}, CIM::ALARM_COUNT_ONCE, "bench"));
+            alarms.back()->SetTimer(kFarAwayMs);
+        },
+        [&] { return RanEverythingPosted(task->GetStrand()); });
     for (auto& alarm : alarms) {
         alarm->StopTimer();
     }
@@ -210,7 +230,7 @@ double ArmAlarms(Run& run) {
     }
     alarms.clear();
     task->Join();
-    return seconds * double(run.Iterations()) / double(n);
+    return seconds;
 }
 
 double ArmSteadyTimers(Run& run) {
@@ -218,28 +238,21 @@ double ArmSteadyTimers(Run& run) {
     auto guard = boost::asio::make_work_guard(context);
     std::thread worker([&] { context.run(); });
     std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
-    const long n = kAlarms;
-    timers.reserve(size_t(n));
-    Latch armed;
-    const long before = HeapBytesInUse();
-    const auto start = Clock::now();
-    for (long i = 0; i < n; ++i) {
-        timers.push_back(std::make_unique<boost::asio::steady_timer>(context));
-        timers.back()->expires_after(std::chrono::milliseconds(kFarAwayMs));
-        timers.back()->async_wait([](const boost::system::error_code&) {});
-    }
-    boost::asio::post(context, [&] { armed.Set(); });
-    if (!armed.Wait()) {
-        run.Fail("the loop did not run");
-    }
-    const double seconds = SecondsSince(start);
-    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(n), "B");
+    timers.reserve(size_t(kAlarms));
+    const double seconds = TimeArming(
+        run,
+        [&] {
+            timers.push_back(std::make_unique<boost::asio::steady_timer>(context));
+            timers.back()->expires_after(std::chrono::milliseconds(kFarAwayMs));
+            timers.back()->async_wait([](const boost::system::error_code&) {});
+        },
+        [&] { return RanEverythingPosted(context.get_executor()); });
     for (auto& timer : timers) {
         timer->cancel();
     }
     guard.reset();
     worker.join();
-    return seconds * double(run.Iterations()) / double(n);
+    return seconds;
 }
 
 // What arming fixes for the library: a shared alarm object, a request posted
@@ -254,25 +267,18 @@ double ArmThroughStrand(Run& run) {
     auto guard = boost::asio::make_work_guard(context);
     std::thread worker([&] { context.run(); });
     std::vector<std::shared_ptr<Alarm>> alarms;
-    const long n = kAlarms;
-    alarms.reserve(size_t(n));
-    Latch armed;
-    const long before = HeapBytesInUse();
-    const auto start = Clock::now();
-    for (long i = 0; i < n; ++i) {
-        alarms.push_back(std::make_shared<Alarm>());
-        boost::asio::post(strand, [&context, alarm = alarms.back()] {
-            alarm->timer = std::make_shared<boost::asio::steady_timer>(context);
-            alarm->timer->expires_after(std::chrono::milliseconds(kFarAwayMs));
-            alarm->timer->async_wait([alarm](const boost::system::error_code&) {});
-        });
-    }
-    boost::asio::post(strand, [&] { armed.Set(); });
-    if (!armed.Wait()) {
-        run.Fail("the loop did not arm the timers");
-    }
-    const double seconds = SecondsSince(start);
-    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(n), "B");
+    alarms.reserve(size_t(kAlarms));
+    const double seconds = TimeArming(
+        run,
+        [&] {
+            alarms.push_back(std::make_shared<Alarm>());
+            boost::asio::post(strand, [&context, alarm = alarms.back()] {
+                alarm->timer = std::make_shared<boost::asio::steady_timer>(context);
+                alarm->timer->expires_after(std::chrono::milliseconds(kFarAwayMs));
+                alarm->timer->async_wait([alarm](const boost::system::error_code&) {});
+            });
+        },
+        [&] { return RanEverythingPosted(strand); });
     boost::asio::post(strand, [&alarms] {
         for (auto& alarm : alarms) {
             alarm->timer->cancel();
@@ -280,25 +286,22 @@ double ArmThroughStrand(Run& run) {
     });
     guard.reset();
     worker.join();
-    return seconds * double(run.Iterations()) / double(n);
+    return seconds;
 }
 
 // The least a timer costs: a deadline pushed onto a heap under a lock.
 double ArmHeapEntries(Run& run) {
     std::mutex mutex;
     std::vector<std::pair<Clock::time_point, const void*>> heap;
-    const long n = kAlarms;
-    const long before = HeapBytesInUse();
-    const auto start = Clock::now();
-    for (long i = 0; i < n; ++i) {
-        const auto when = Clock::now() + std::chrono::milliseconds(kFarAwayMs);
-        std::lock_guard<std::mutex> lock(mutex);
-        heap.emplace_back(when, &heap);
-        std::push_heap(heap.begin(), heap.end(), std::greater<>());
-    }
-    const double seconds = SecondsSince(start);
-    run.Value("heap bytes per armed alarm", double(HeapBytesInUse() - before) / double(n), "B");
-    return seconds * double(run.Iterations()) / double(n);
+    return TimeArming(
+        run,
+        [&] {
+            const auto when = Clock::now() + std::chrono::milliseconds(kFarAwayMs);
+            std::lock_guard<std::mutex> lock(mutex);
+            heap.emplace_back(when, &heap);
+            std::push_heap(heap.begin(), heap.end(), std::greater<>());
+        },
+        [] { return true; });
 }
 
 // ---- a 1 ms repeating alarm ------------------------------------------------------

@@ -403,6 +403,27 @@ private:
     std::thread m_thread;
 };
 
+// Calls `send` n times, keeping the window, then waits until the sink has
+// every datagram; the seconds from the first send.
+template <class Send>
+double SendDatagrams(Run& run, UdpSink& sink, long n, Send send) {
+    const auto start = std::chrono::steady_clock::now();
+    for (long i = 0; i < n; ++i) {
+        if (!WaitForWindow(i, sink.count)) {
+            run.Fail("datagrams lost");
+            break;
+        }
+        send();
+    }
+    while (sink.count.load() < n && run.Failed().empty()) {
+        if (!WaitForWindow(n, sink.count) && sink.count.load() < n) {
+            run.Fail("datagrams lost");
+        }
+        sched_yield();
+    }
+    return SecondsSince(start);
+}
+
 double LibraryUdpSend(Run& run, bool defaultLog) {
     LogDestination log(defaultLog);
     UdpSink sink;
@@ -416,21 +437,9 @@ double LibraryUdpSend(Run& run, bool defaultLog) {
             run.Fail("Connect failed");
         }
         const std::vector<uint8_t> data(kDatagram, 0x5a);
-        const auto start = std::chrono::steady_clock::now();
-        for (long i = 0; i < n; ++i) {
-            if (!WaitForWindow(i, sink.count)) {
-                run.Fail("datagrams lost");
-                break;
-            }
+        seconds = SendDatagrams(run, sink, n, [&] {
             connection.SendData(data, [](const boost::system::error_code&, std::size_t) {});
-        }
-        while (sink.count.load() < n && run.Failed().empty()) {
-            if (!WaitForWindow(n, sink.count) && sink.count.load() < n) {
-                run.Fail("datagrams lost");
-            }
-            sched_yield();
-        }
-        seconds = SecondsSince(start);
+        });
         connection.Disconnect();
     }
     task->Join();
@@ -445,21 +454,8 @@ double RawUdpSend(Run& run) {
     const sockaddr_in address = Loopback(sink.Port());
     ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const std::vector<char> data(kDatagram, 0x5a);
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        if (!WaitForWindow(i, sink.count)) {
-            run.Fail("datagrams lost");
-            break;
-        }
-        ::send(fd, data.data(), data.size(), 0);
-    }
-    while (sink.count.load() < n && run.Failed().empty()) {
-        if (!WaitForWindow(n, sink.count) && sink.count.load() < n) {
-            run.Fail("datagrams lost");
-        }
-        sched_yield();
-    }
-    const double seconds = SecondsSince(start);
+    const double seconds =
+        SendDatagrams(run, sink, n, [&] { ::send(fd, data.data(), data.size(), 0); });
     ::close(fd);
     return seconds;
 }
@@ -480,23 +476,11 @@ double RawUdpSendPostingCallback(Run& run) {
     const std::vector<char> data(kDatagram, 0x5a);
     const boost::function<void(const boost::system::error_code&, std::size_t)> callback =
         [](const boost::system::error_code&, std::size_t) {};
-    const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < n; ++i) {
-        if (!WaitForWindow(i, sink.count)) {
-            run.Fail("datagrams lost");
-            break;
-        }
+    const double seconds = SendDatagrams(run, sink, n, [&] {
         const ssize_t sent = ::send(fd, data.data(), data.size(), 0);
         boost::asio::post(strand, boost::bind(callback, boost::system::error_code(),
                                               std::size_t(sent < 0 ? 0 : sent)));
-    }
-    while (sink.count.load() < n && run.Failed().empty()) {
-        if (!WaitForWindow(n, sink.count) && sink.count.load() < n) {
-            run.Fail("datagrams lost");
-        }
-        sched_yield();
-    }
-    const double seconds = SecondsSince(start);
+    });
     guard.reset();
     loop.join();
     ::close(fd);
